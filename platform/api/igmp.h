@@ -1,0 +1,4 @@
+// IGMP service client.
+#pragma once
+
+[[nodiscard]] bool igmp_api_init();
