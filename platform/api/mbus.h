@@ -10,6 +10,7 @@
 using mbus_q = std::uint32_t;
 inline constexpr mbus_q MBUS_Q_INVALID = 0xFFFFFFFF;          // result of a failed mbus_bind, and of nothing else
 
+inline constexpr std::uint32_t MBUS_OPC_ANY = 0xFFFFFFFF;
 inline constexpr std::uint32_t MBUS_NOTIFY_DESTINATION = 0xFE000000;  // every queue subscribed to the opcode
 
 struct mbus_addr {
@@ -53,7 +54,8 @@ struct mbus_send_options {
 int mbus_unbind(mbus_q queue, std::uint32_t flags);
 
 // Registers the queue for an opcode: 3 keeps the last message for a late subscriber, 16 subscribes to notifications,
-// 17 subscribes and also takes messages of that opcode addressed to the SAP. 0, or -1 with errno.
+// 17 subscribes and also takes messages of that opcode addressed to the SAP. MBUS_OPC_ANY subscribes to every opcode.
+// 0, or -1 with errno.
 [[nodiscard]] int mbus_options_set(mbus_q queue, std::uint32_t opcode, std::uint32_t option);
 
 // Waits for the next message. 0, or -1 with errno; EPIPE once the queue is in pre-unbind state and empty.
