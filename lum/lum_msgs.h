@@ -44,20 +44,37 @@
 LUM_MESSAGES(LUM_DECLARE_MESSAGE)
 #undef LUM_DECLARE_MESSAGE
 
-// Raises a catalogued message; the values are those of its format, which LUM_LOG lets the compiler check:
+// Raises a catalogued message; the values are those of its format, which the compiler checks:
 //     LUM_LOG(API_FAILED, "cmdopt_dispatch()");
-void lum_log(const syslog_msg_full &record, ...);
-constexpr const char *lum_msg_format(const char *format) { return format; }
 CORVANE_PRINTF(1, 2) constexpr void lum_check_format(const char *, ...) {}
-#define LUM_FORMAT_ENUM(tag, severity, format) inline constexpr char lum_format_##tag[] = format;
-LUM_MESSAGES(LUM_FORMAT_ENUM)
-#undef LUM_FORMAT_ENUM
+#define LUM_FORMAT_OF(tag, severity, format) inline constexpr char lum_format_##tag[] = format;
+LUM_MESSAGES(LUM_FORMAT_OF)
+#undef LUM_FORMAT_OF
 #define LUM_LOG(tag, ...) \
     do { \
         if (false) \
             lum_check_format(lum_format_##tag __VA_OPT__(, ) __VA_ARGS__); \
         lum_log(msg_error_LUM_##tag __VA_OPT__(, ) __VA_ARGS__); \
     } while (false)
+
+// The parts of an emission that do not depend on the values (lum_msgs.cpp).
+bool lum_log_level_passes(const syslog_msg_full &record);
+const char *lum_log_prepare();                              // fills the parameter block; the facility in upper case
+void lum_log_traceback(const syslog_msg_full &record, const char *facility);
+
+template <class... Values> void lum_log(const syslog_msg_full &record, Values... values)
+{
+    if (evhist_sys_facility == nullptr) {                   // early in start-up the log library prints by itself
+        syslog_msg_rate_limit(&record, values...);
+        return;
+    }
+    if (!lum_log_level_passes(record) || syslog_msg_rate_limit(&record, values...) != 1)
+        return;
+    const char *facility = lum_log_prepare();
+    const char *format = record.brief != nullptr ? record.brief->prefixed_format : record.library->prefixed_format;
+    vemo_krel_syslog(syslog_vmsg_params, record.severity & 0xFF, format, facility, record.severity & 0xFF, values...);
+    lum_log_traceback(record, facility);
+}
 
 // Trace sites: the number of a flag is that of its site and of its debug element.
 inline constexpr std::uint32_t LUM_SITE_PACKET = 117, LUM_SITE_LEARN = 118, LUM_SITE_INTERNAL = 119,
