@@ -1,0 +1,1 @@
+"""Tests of whole systems: real processes on real devices, in network namespaces."""
