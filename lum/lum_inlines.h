@@ -7,9 +7,7 @@
 #include <cstring>
 
 // A field of a record: {offset, width} in bytes.
-struct wire_field {
-    std::size_t at, width;
-};
+using wire_field = lum_wire_field;
 
 template <wire_field F, std::unsigned_integral T, std::size_t N>
 constexpr void wire_put_be(std::span<std::uint8_t, N> out, T value)

@@ -10,6 +10,7 @@
 #include "intfmgr.h"
 #include "ip.h"
 #include "ipv6.h"
+#include "lum.h"
 #include "lum_mem_types.h"
 #include "mbus.h"
 #include "net_l2.h"
@@ -28,18 +29,10 @@
 
 #define LUM_LOCKED CORVANE_REQUIRES(plock_process_lock)
 
-// ---- identifiers and results
-
-inline constexpr std::uint32_t LUM_SERVICE = 581;               // also the module number of its allocations
-inline constexpr std::uint32_t LUM_MAIN_SAP = 442, LUM_PACKET_SAP = 440;
-inline constexpr std::uint16_t LUM_UDP_PORT = 8472;
+// Identifiers, states and the layouts that other processes see are in lum.h.
 
 // Results of a main-loop handler.
 inline constexpr int LUM_KEEP = 1, LUM_DONE = 0, LUM_NOT_HANDLED = -1;
-
-inline constexpr std::uint32_t LUM_FAMILY_IPV4 = 4, LUM_FAMILY_IPV6 = 5;
-inline constexpr std::uint32_t LUM_VLANS = 4096, LUM_PORTS = 768;
-inline constexpr std::size_t LUM_NAME_SIZE = 101;               // of a VPN or interface name, with its terminator
 
 // ---- addresses
 
@@ -58,31 +51,20 @@ enum lum_addr_kind : std::uint32_t {
 
 // ---- overlays
 
-enum lum_overlay_state : std::uint32_t { LUM_OVERLAY_NONE = 0, LUM_OVERLAY_DOWN = 1, LUM_OVERLAY_UP = 2 };
-enum lum_overlay_reason : std::uint32_t {
-    LUM_REASON_NONE = 0,
-    LUM_REASON_INCOMPLETE = 1,
-    LUM_REASON_ADMIN_DOWN = 2,
-    LUM_REASON_DELETE_HOLDDOWN = 3,
-};
-enum lum_encap_type : std::uint32_t { LUM_ENCAP_GRE = 1, LUM_ENCAP_UDP = 2 };
-
 struct lum_ext_if {
     char name[104];              // written with a bound of 101
     std::uint32_t iod;           // 0 while the name does not resolve
     std::uint32_t reserved;
 };
-inline constexpr std::size_t LUM_EXT_IFS = 9;                   // slots; only slot 0 is configured
 
 struct lum_vlan_range {
     std::uint16_t first, last;
 };
-inline constexpr std::size_t LUM_VLAN_RANGES = 16;
 struct lum_vlan_range_list {
     std::uint16_t count;         // grows with every rebuild, deliberate: readers know it as the number of rebuilt ranges
     lum_vlan_range range[LUM_VLAN_RANGES];
 };
-static_assert(sizeof(lum_vlan_range_list) == 66);
+static_assert(sizeof(lum_vlan_range_list) == LUM_RANGES_SIZE);
 
 struct lum_ipv4_range {
     std::uint32_t base;          // host order
