@@ -53,30 +53,9 @@ namespace fake {
 
 struct state;                    // what the implementation keeps besides the members below
 
-class platform_object {
-public:
-    platform_object();
-    ~platform_object();
-    platform_object(const platform_object &) = delete;
-    platform_object &operator=(const platform_object &) = delete;
-
-    // Back to an empty platform: no interfaces, queues, routes, timers, records. Parked threads are let go unrun.
-    void reset();
-    // Forgets what was recorded (calls, packets, messages, log, counts) and keeps the state.
-    void forget();
-    // Benchmarks: calls are counted in `packets_out` and nothing is recorded, formatted or allocated.
-    bool counting_only = false;
-    std::size_t packets_out = 0;
-
-    // ---- what the daemon asked, in order
-    std::vector<call_record> calls;
-    [[nodiscard]] std::size_t called(std::string_view name) const;               // how often
-    [[nodiscard]] std::vector<std::string> call_names() const;
-    [[nodiscard]] std::vector<std::string> call_texts() const;                   // "mbus_bind(442, LUM MBUS queue)"
-    [[nodiscard]] std::vector<std::string> call_texts(std::initializer_list<std::string_view> names) const;
-    [[nodiscard]] std::vector<call_record> calls_of(std::string_view name) const;
-
-    // ---- what left the process
+// What the daemon asked of the platform and what left the process. `forget` empties it.
+struct recorded {
+    std::vector<call_record> calls;              // in order
     std::vector<ip_packet> ip_sent;              // ip_cl_output
     std::vector<ipv6_packet> ipv6_sent;          // ipv6_client_output
     std::vector<l2_frame> l2_sent;               // net_l2_send
@@ -92,6 +71,94 @@ public:
     std::vector<feature_answer> feature_answers; // featmgr
     std::vector<std::uint32_t> service_queries;  // svcmgr_query_srv_hs_state
     std::vector<std::uint32_t> heartbeats;       // the argument of each
+
+    std::size_t packets_out = 0;                 // ip, ipv6 and L2 sends that succeeded, also when only counting
+    std::size_t yields = 0;                      // plock_sched_yield
+    std::size_t may_yields = 0;                  // plock_sched_may_yield
+    std::size_t lock_errors = 0;                 // released while not held, asserted while not held
+
+    // Books of the bus: a received message must be dropped exactly once. Dropping an emptied handle again is allowed.
+    std::size_t messages_dropped = 0;
+    std::size_t empty_drops = 0;                 // drops of an emptied handle
+    std::size_t double_drops = 0;                // drops of a copy whose message was dropped already
+};
+
+// What tests set, and the platform's state as far as they look at it directly. `reset` puts the defaults back.
+struct scripted {
+    // Benchmarks: calls are counted in `packets_out` and nothing is recorded, formatted or allocated.
+    bool counting_only = false;
+
+    timestamp now{1000, 0};                      // the clock
+
+    bool slice_used_up = false;                  // what plock_sched_may_yield says
+    bool should_yield = false;                   // what hakit_should_yield says
+    std::function<void()> on_yield;              // runs in each yield: what another thread would do meanwhile
+
+    bool threads_run = false;                    // created threads run at once, as on the real platform
+    std::set<std::string> joined_by_process;     // of those, the ones that the code under test joins by itself
+
+    bool accept_all_saps = true;                 // false: sending to a SAP that nobody bound fails with ENOENT
+    std::uint32_t source_sap = 999;              // of delivered messages, unless they say otherwise
+    // A receive on an empty queue runs this; when the queue is still empty after it, the queue goes into pre-unbind
+    // state and the receive fails with EPIPE, so that a loop under test ends.
+    std::function<void(mbus_q)> on_empty_queue;
+
+    bool supervisor_active = true;
+    std::set<std::uint32_t> services_up;         // queries for these are answered with a message to the main queue
+    std::uint32_t heartbeat_timeout_ms = 5000;
+    bool handshake_done = true;                  // svcmgr_conditional_srv_was_handshake_done
+    bool condition_verified = false;             // svcmgr_condition_verified
+    std::map<std::uint32_t, std::string> service_names{
+        {SVC_CMDSRV, "cmdsrv"}, {SVC_PKTMGR, "pktmgr"}, {SVC_IP, "ip"}, {SVC_IPV6, "ipv6"}, {SVC_UDP, "udp"},
+        {SVC_IGMP, "igmp"}, {SVC_INTFMGR, "intfmgr"}, {SVC_VRFMGR, "vrfmgr"}, {SVC_RTAB, "rtab"}, {581, "lum"}};
+    std::uint32_t start_reason = 1;
+    int sched_policy = 0;                        // what hakit_get_rsw_sched_policy says
+    bool chassis_ferrix = true;
+    hakit_ha_params ha_params;                   // as hakit_ha_api_init got them
+    bool ha_disabled = false;
+
+    // Shared database and persistent store: name of the database, key, value.
+    std::map<std::string, std::map<bytes, bytes>> sdb;
+    std::map<std::string, std::map<bytes, bytes>> pstore;
+
+    std::set<std::string, std::less<>> rate_limited;     // tags whose messages are suppressed
+    std::uint8_t log_level = 6;
+    bool history_kept = true;                    // evhist_hist_event_subtype_check gives 0
+    bool debug_console = false;                  // evhist_chk_int gives non-zero
+
+    std::size_t mbuf_limit = 1024;
+
+    std::set<std::pair<std::uint32_t, std::uint32_t>> groups;            // joined: iod, IPv4 group
+    std::set<std::pair<std::uint32_t, ipv6_address>> groups6;
+
+    std::uint32_t own_service = 0;               // owner of what this process installs: set by plock_init_proc
+    bool route_table_open = false;
+    bool route_lock_held = false;
+
+    std::size_t stop_output_after = SIZE_MAX;    // cli_more_output gives false from the nth question on (0: at once)
+    std::vector<std::pair<std::string, cli_handler>> handlers;           // in the order of their registration
+
+    std::deque<int> select_results;              // next results of corvane_select; 1 when there are none
+};
+
+class platform_object : public recorded, public scripted {
+public:
+    platform_object();
+    ~platform_object();
+    platform_object(const platform_object &) = delete;
+    platform_object &operator=(const platform_object &) = delete;
+
+    // Back to an empty platform: no interfaces, queues, routes, timers, records. Parked threads are let go unrun.
+    void reset();
+    // Forgets what was recorded and keeps the state.
+    void forget();
+
+    // ---- what was recorded
+    [[nodiscard]] std::size_t called(std::string_view name) const;               // how often
+    [[nodiscard]] std::vector<std::string> call_names() const;
+    [[nodiscard]] std::vector<std::string> call_texts() const;                   // "mbus_bind(442, LUM MBUS queue)"
+    [[nodiscard]] std::vector<std::string> call_texts(std::initializer_list<std::string_view> names) const;
+    [[nodiscard]] std::vector<call_record> calls_of(std::string_view name) const;
     [[nodiscard]] bool sent_nothing() const;     // no packet, frame or message left
     [[nodiscard]] bool traced(std::string_view text) const;                      // krel_syslog, whole text
     [[nodiscard]] std::vector<std::string> trace_texts() const;
@@ -108,7 +175,6 @@ public:
     [[nodiscard]] std::size_t fallible_calls() const;                            // since reset, forget or fail_any
 
     // ---- clock and timers. Timers fire inside these calls, in the order of their times, with the lock held.
-    timestamp now{1000, 0};
     void advance(std::uint32_t seconds);
     void advance_ms(std::uint64_t milliseconds);
     void run_timers() { advance_ms(0); }                                         // those that are due already
@@ -116,23 +182,12 @@ public:
     [[nodiscard]] std::uint64_t timer_ms_left(active_timer timer) const;
     [[nodiscard]] std::vector<timer_record> timers() const;                      // created and not deleted
 
-    // ---- process lock
+    // ---- process lock and threads. Created threads are parked until a test runs them.
     [[nodiscard]] bool lock_held() const;        // by the calling thread
-    std::size_t yields = 0;                      // plock_sched_yield
-    std::size_t may_yields = 0;                  // plock_sched_may_yield
-    bool slice_used_up = false;                  // what plock_sched_may_yield says
-    bool should_yield = false;                   // what hakit_should_yield says
-    std::function<void()> on_yield;              // runs in each yield: what another thread would do meanwhile
-    std::size_t lock_errors = 0;                 // released while not held, asserted while not held
-
-    // ---- threads: created ones are parked until a test runs them
     [[nodiscard]] std::vector<thread_record> threads() const;
     void *run_thread(std::string_view name);     // lets it run to its end (the lock is given up) and gives its result
-    bool threads_run = false;                    // created threads run at once, as on the real platform
 
     // ---- bus
-    bool accept_all_saps = true;                 // false: sending to a SAP that nobody bound fails with ENOENT
-    std::uint32_t source_sap = 999;              // of delivered messages, unless they say otherwise
     // Puts a message on the queue bound to `sap`.
     void deliver(std::uint32_t sap, std::uint32_t opcode, bytes payload = {}, message_options options = {});
     // A frame as the packet service delivers it, on the packet queue (SAP 440).
@@ -141,68 +196,36 @@ public:
     [[nodiscard]] mbus_msg message(std::uint32_t opcode, bytes payload = {}, message_options options = {});
     [[nodiscard]] mbus_q queue_of(std::uint32_t sap) const;                      // MBUS_Q_INVALID: not bound
     [[nodiscard]] std::size_t waiting(std::uint32_t sap) const;                  // messages on the queue
-    [[nodiscard]] std::vector<subscription> subscriptions() const;
-    // A receive on an empty queue runs this; when the queue is still empty after it, the queue goes into pre-unbind
-    // state and the receive fails with EPIPE, so that a loop under test ends.
-    std::function<void(mbus_q)> on_empty_queue;
-    // Books: a received message must be dropped exactly once. Dropping an emptied handle again is allowed.
+    [[nodiscard]] std::vector<subscription> subscriptions() const;               // every mbus_options_set
     [[nodiscard]] std::size_t messages_outstanding() const;                      // received, not dropped
     [[nodiscard]] bool is_outstanding(const mbus_msg &msg) const;
-    std::size_t messages_dropped = 0;
-    std::size_t empty_drops = 0;                 // drops of an emptied handle
-    std::size_t double_drops = 0;                // drops of a copy whose message was dropped already
 
-    // ---- service manager, feature manager, HA kit
-    bool supervisor_active = true;
-    std::set<std::uint32_t> services_up;         // queries for these are answered with a message to the main queue
-    std::uint32_t heartbeat_timeout_ms = 5000;
-    bool handshake_done = true;                  // svcmgr_conditional_srv_was_handshake_done
-    bool condition_verified = false;             // svcmgr_condition_verified
+    // ---- service manager
     void service_up(std::uint32_t service);      // calls svcmgrcb_process_state_changed
     void service_down(std::uint32_t service);
     void deliver_service_state(std::uint32_t service, std::uint32_t service_state);      // the same as a message
     int svcmgr_switchover(bool hot, bool sequence_mismatch);
     int cleanup_start(std::uint32_t reason);
     int cleanup_status(std::uint32_t status);
-    std::map<std::uint32_t, std::string> service_names;
-    std::uint32_t start_reason = 1;
-    int sched_policy = 0;                        // what hakit_get_rsw_sched_policy says
-    bool chassis_ferrix = true;
-    hakit_ha_params ha_params;                   // as hakit_ha_api_init got them
-    bool ha_disabled = false;
 
-    // ---- shared database and persistent store: name of the database, key, value
-    std::map<std::string, std::map<bytes, bytes>> sdb;
-    std::map<std::string, std::map<bytes, bytes>> pstore;
     [[nodiscard]] const bytes *sdb_value(const bytes &key) const;                // in any database; null: none
-
-    // ---- log and event history
-    std::set<std::string, std::less<>> rate_limited;     // tags whose messages are suppressed
-    std::uint8_t log_level = 6;
-    bool facility_set = true;                    // false before a reset's end: evhist_sys_facility stays null
-    void set_facility(bool set);                 // as hakit_evhist_init and hakit_evhist_close do
-    bool history_kept = true;                    // evhist_hist_event_subtype_check gives 0
-    bool debug_console = false;                  // evhist_chk_int gives non-zero
+    // As hakit_evhist_init and hakit_evhist_close do; a reset sets it, so that the log works from the start.
+    void set_facility(bool set);
 
     // ---- memory
     [[nodiscard]] std::size_t memory_blocks(std::uint32_t type) const;           // allocated, not freed
     [[nodiscard]] std::size_t mbufs_out() const;                                 // packet buffers not given back
-    std::size_t mbuf_limit = 1024;
 
     // ---- interfaces
     void add_interface(std::uint32_t iod, std::string name, interface_options options = {});
     void remove_interface(std::uint32_t iod);
     interface_options &interface(std::uint32_t iod);     // to change: platform.interface(1).up = false
-    std::set<std::pair<std::uint32_t, std::uint32_t>> groups;            // joined: iod, IPv4 group
-    std::set<std::pair<std::uint32_t, ipv6_address>> groups6;
-    // The notifications as payloads.
+    // Payloads of the notifications.
     [[nodiscard]] static bytes changes(std::initializer_list<intfmgr_change> list);
     [[nodiscard]] static bytes l2_states(std::initializer_list<l2_state> list);
     [[nodiscard]] static bytes membership(std::uint32_t vlan, std::initializer_list<vlan_memb_pair> pairs);
 
     // ---- route table
-    std::uint32_t own_service = 0;               // owner of what this process installs: set by plock_init_proc
-    bool route_table_open = false;
     // An operator's route, installed by `owner` (0: this process).
     void route(const rtab_mac_info &key, std::vector<rtab_addr> nexthops, std::uint32_t owner = 0);
     void route(const rtab_mac_info &key, const rtab_addr &nexthop, std::uint32_t owner = 0);
@@ -213,7 +236,6 @@ public:
     [[nodiscard]] std::size_t routes() const;
     [[nodiscard]] const rtab_route *find_route(const rtab_mac_info &key) const;  // as rtab_get_route gives it
     [[nodiscard]] std::vector<std::uint32_t> mroute_iods(const rtab_mac_info &key) const;
-    bool route_lock_held = false;
 
     // ---- command server
     // Runs the handler that the daemon registered under that name. Values are written as a user types them.
@@ -222,15 +244,13 @@ public:
     // Runs a handler that need not be registered.
     command_result command(cli_handler handler, const command_arguments &arguments = {}, bool no = false,
                            std::uint32_t mode_iod = 0);
-    std::size_t stop_output_after = SIZE_MAX;    // cli_more_output gives false from the nth question on (0: at once)
-    std::vector<std::pair<std::string, cli_handler>> handlers;           // in the order of their registration
 
     // ---- UDP stack
     void datagram(int family, bytes data);       // waits on the open socket of that family (AF_INET, AF_INET6)
-    std::deque<int> select_results;              // next results of corvane_select; 1 when there are none
     [[nodiscard]] std::vector<socket_record> sockets() const;            // in the order of their opening
 
     state &impl() { return *state_; }
+    [[nodiscard]] const state &impl() const { return *state_; }
 
 private:
     std::unique_ptr<state> state_;

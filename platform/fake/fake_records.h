@@ -65,7 +65,6 @@ struct bus_message {
 struct message_options {
     std::uint32_t source_sap = 0;                // 0: platform.source_sap
     std::uint32_t sync_event = 0;
-    bool without_payload = false;                // mbus_payload_get gives null
 };
 struct subscription {
     std::uint32_t sap = 0, opcode = 0, option = 0;
