@@ -7,8 +7,8 @@
 
 #include <cstdint>
 
-// tag, severity, format. SDB_READ has a library record in place of a short one (lum_msgs.cpp).
-#define LUM_MESSAGES(X) \
+// tag, severity, format.
+#define LUM_SHORT_MESSAGES(X) \
     X(USAGE, 6, "Usage: lum [-h] [-d] [-m <memory-in-mb>]") \
     X(MBUS_BIND, 3, "Error returned from mbus_bind() for %s mbus queue, errno: %s") \
     X(TIMER_FAILED, 3, "could not %s") \
@@ -37,8 +37,10 @@
     X(OVLY_ADD, 3, "Failed to add overlay entry") \
     X(OVLY_DEL, 3, "Failed to delete overlay %s: %s") \
     X(VLAN_OVLY_MISMATCH, 3, "VLAN %d doesn't match configured overlay %s") \
-    X(STATE_MISMATCH, 4, "state mismatch - %s - in %s()") \
-    X(SDB_READ, 3, "Error reading %s database")
+    X(STATE_MISMATCH, 4, "state mismatch - %s - in %s()")
+// Raised by a library on behalf of the process: a library record in place of a short one (lum_msgs.cpp).
+#define LUM_LIBRARY_MESSAGES(X) X(SDB_READ, 3, "Error reading %s database")
+#define LUM_MESSAGES(X) LUM_SHORT_MESSAGES(X) LUM_LIBRARY_MESSAGES(X)
 
 #define LUM_DECLARE_MESSAGE(tag, severity, format) extern const syslog_msg_full msg_error_LUM_##tag;
 LUM_MESSAGES(LUM_DECLARE_MESSAGE)
