@@ -38,7 +38,8 @@
     X(CACHE_REFUSED, "ARP/ND cache: entry refused") \
     X(BUS_QUEUE_FULL, "bus: queue full") \
     X(BUS_MALFORMED, "bus: malformed message") \
-    X(BUS_UNKNOWN_OPCODE, "bus: unknown opcode")
+    X(BUS_UNKNOWN_OPCODE, "bus: unknown opcode") \
+    X(FWD_SPLIT_HORIZON, "route back to where the frame came from")
 
 enum class drop_reason : std::uint32_t {
 #define DROP_ENUM(name, text) name,
