@@ -1,6 +1,7 @@
 // Named threads.
 #pragma once
 
+#include <cstddef>
 #include <pthread.h>
 
 struct corvane_pthread_attr {
