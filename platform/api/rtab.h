@@ -43,8 +43,9 @@ struct rtab_mroute {
 [[nodiscard]] bool rtab_api_init(mbus_q queue, const char *name, std::uint32_t flags);
 [[nodiscard]] bool rtab_api_close();                         // false: it was not open
 
-// Reader lock: routes read under it are of one state of the table. It cannot wedge the service: a holder that dies or
-// stalls delays nothing.
+// Reader lock: marks a section that reads routes. Each answer is of one state of its route, with the lock or without;
+// a walk sees every route that is not changed meanwhile. It cannot wedge the service: a holder that dies or stalls
+// delays nothing.
 void rtab_acquire_rdlock();
 void rtab_release_rdlock();
 
