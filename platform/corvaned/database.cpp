@@ -25,6 +25,7 @@ struct table_statements {
 struct database_state {
     sqlite3 *db = nullptr;
     bool grouped = false;
+    std::uint64_t failed_commits = 0;
     std::map<std::string, table_statements> tables;
 };
 
@@ -164,7 +165,13 @@ bool database_commit()
     log_line(2, std::string("database: ") + sqlite3_errmsg(state().db));
     run("ROLLBACK");
     platform().database_failed = 1;
+    ++state().failed_commits;
     return false;
+}
+
+std::uint64_t database_failed_commits()
+{
+    return state().failed_commits;
 }
 
 void database_start()

@@ -12,5 +12,6 @@ void database_close();
 // An answer to a client and the end of the turn commit by themselves.
 void database_group();
 bool database_commit();
+[[nodiscard]] std::uint64_t database_failed_commits();       // since the start
 
 } // namespace corvaned

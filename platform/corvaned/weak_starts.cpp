@@ -4,18 +4,13 @@
 namespace corvaned {
 
 #define CORVANED_WEAK __attribute__((weak))
-CORVANED_WEAK void svcmgr_start() {}
-CORVANED_WEAK void sdb_start() {}
 CORVANED_WEAK void intfmgr_start() {}
 CORVANED_WEAK void vlanmgr_start() {}
 CORVANED_WEAK void vrfmgr_start() {}
 CORVANED_WEAK void ipmgr_start() {}
 CORVANED_WEAK void rtab_start() {}
 CORVANED_WEAK void cmdsrv_start() {}
-CORVANED_WEAK void service_hosted(std::uint32_t, const char *) {}
-CORVANED_WEAK void service_set_up(std::uint32_t, bool) {}
 CORVANED_WEAK void serve_command(const char *, std::function<int(command &)>) {}
 CORVANED_WEAK const std::string *command::get(const char *) const { return nullptr; }
-CORVANED_WEAK void svcmgr_stop(std::function<void()> done) { done(); }
 
 } // namespace corvaned

@@ -9,7 +9,8 @@ inline constexpr std::uint32_t
     SVCMGR_INFO = method(METHOD_SVCMGR, 1),        // - -> u32 role (1 active), start reason, heartbeat interval ms
     SVCMGR_HANDSHAKE = method(METHOD_SVCMGR, 2),   // u32 queue, service
     SVCMGR_HEARTBEAT = method(METHOD_SVCMGR, 3),   // one way: u32 first
-    SVCMGR_QUERY = method(METHOD_SVCMGR, 4),       // u32 service: the answer is a message
+    SVCMGR_QUERY = method(METHOD_SVCMGR, 4),       // u32 service, u32 state the client knows (0: none): the answer is a
+                                                   // message; where a state is known, only if it is another now
     SVCMGR_CLEANUP = method(METHOD_SVCMGR, 5),     // u32 flags: asks for the orderly stop of the calling process
     SVCMGR_SWITCHOVER_DONE = method(METHOD_SVCMGR, 6),   // u64 request, u32 status
     SVCMGR_RECOVERY_DONE = method(METHOD_SVCMGR, 7),     // u32 status
@@ -28,7 +29,9 @@ inline constexpr std::uint32_t
     SVCMGR_OPC_CLEANUP_STATUS = 0x9E4,   // u64 request, u32 status
     HAKIT_OPC_SWITCHOVER = 0x9F8,        // -
     HAKIT_OPC_SWITCHOVER_DONE = 0x9F9,   // -
-    FEATMGR_OPC_ENABLE = 0x22DD, FEATMGR_OPC_DISABLE = 0x22DE;   // u32 feature, u32 request
+    FEATMGR_OPC_ENABLE = 0x22DD, FEATMGR_OPC_DISABLE = 0x22DE,   // u32 feature, u32 request
+    FEATMGR_OPC_ANSWER = 0x22DF,         // u32 feature, u32 request, u32 status: to whoever asked
+    FEATMGR_OPC_STATUS = 0x22E0;         // notification: u32 feature, u32 enabled, u32 status
 
 inline constexpr std::uint32_t START_REASON_COLD = 1, START_REASON_RESTART = 2, START_REASON_SWITCHOVER = 3,
                                START_REASON_STANDBY = 4;
@@ -36,6 +39,6 @@ inline constexpr std::uint32_t STOP_REASON_REQUEST = 1, STOP_REASON_SHUTDOWN = 2
                                STOP_REASON_SWITCHOVER = 4;
 
 // Numbers of services besides those of svcmgr.h.
-inline constexpr std::uint32_t SVC_LUM = 581, SVC_SVCMGR = 33, SVC_SDB = 320, SVC_VLANMGR = 321, SVC_FEATMGR = 95;
+inline constexpr std::uint32_t SVC_LUM = 581, SVC_SVCMGR = 33, SVC_SDB = 320, SVC_FEATMGR = 95;
 
 } // namespace corvane
