@@ -1,0 +1,128 @@
+// The packet service's client interface: frames of the switchports to and from the packet queue.
+#include "net_l2.h"
+
+#include "../core/link_output.h"
+#include "../core/monitor.h"
+#include "../interfaces.h"
+#include "frame_source.h"
+#include "ports.h"
+#include "tag.h"
+
+#include "drops.h"
+
+#include <arpa/inet.h>
+#include <cstring>
+#include <memory>
+#include <mutex>
+
+namespace corvane {
+
+namespace {
+
+// One registration a process: the rings belong to one queue.
+struct registration {
+    std::mutex mutex;
+    net_l2_handle handle = 0, last_handle = 0;
+    mbus_q queue = MBUS_Q_INVALID;
+    std::unique_ptr<frame_source> source;
+};
+registration &the_registration()
+{
+    static registration &instance = *new registration;
+    return instance;
+}
+
+} // namespace
+
+void packet_ports_tick()
+{
+    const interface_table *table = interfaces();
+    static std::uint32_t seen = 0;
+    const std::uint32_t generation = table == nullptr ? 0 : table->generation.load(std::memory_order_acquire);
+    if (generation == seen)
+        return;
+    registration &r = the_registration();
+    const std::scoped_lock guard(r.mutex);
+    seen = generation;
+    if (r.source != nullptr)
+        r.source->wake();
+}
+
+namespace {
+
+std::uint32_t switchport_ifindex(std::uint32_t iod)
+{
+    constexpr std::uint32_t SERVED = INTERFACE_PRESENT | INTERFACE_SWITCHPORT;
+    const interface_table *table = interfaces();
+    if (table == nullptr || (interface_flags(*table, iod) & SERVED) != SERVED)
+        return 0;
+    return table->slot[iod].ifindex.load(std::memory_order_acquire);
+}
+
+int refuse()
+{
+    drop_count(drop_reason::L2_SEND_FAILED);
+    return 0;
+}
+
+int send_on_port(std::uint32_t ifindex, const daemon_frame &frame)
+{
+    mbuf *m = packet_buffer_get(static_cast<std::uint32_t>(frame.length + ETHERNET_HEADER));
+    if (m == nullptr)
+        return refuse();
+    m->length = static_cast<std::uint32_t>(tag_to_wire(frame, packet_start(m)));
+    if (m->length == 0) {
+        m_freem(m);
+        return refuse();
+    }
+    return link_output(m, {ifindex, 0, drop_reason::L2_SEND_FAILED, drop_reason::L2_SEND_FAILED}) ? 1 : 0;
+}
+
+} // namespace
+
+} // namespace corvane
+
+using namespace corvane;
+
+net_l2_handle net_l2_register(const net_l2_registration &wanted)
+{
+    registration &r = the_registration();
+    const std::scoped_lock guard(r.mutex);
+    if (r.handle != 0)
+        return 0;
+    auto source = std::make_unique<frame_source>();
+    if (!source->ready())
+        return 0;
+    source->follow_ports();
+    if (!mbus_local_attach(wanted.queue, source.get()))
+        return 0;
+    r.source = std::move(source);
+    r.queue = wanted.queue;
+    r.handle = ++r.last_handle;
+    net_monitor_start();
+    return r.handle;
+}
+
+void net_l2_unregister(net_l2_handle handle)
+{
+    registration &r = the_registration();
+    const std::scoped_lock guard(r.mutex);
+    if (handle == 0 || handle != r.handle)
+        return;
+    mbus_local_detach(r.queue);
+    r.source.reset();
+    r.handle = 0;
+}
+
+int net_l2_send(net_l2_handle handle, const net_l2_header &header, const net_l2_send_request &request,
+                const std::uint8_t *payload, std::uint16_t length)
+{
+    if (handle == 0)
+        return refuse();
+    const std::uint32_t ifindex = switchport_ifindex(ntohl(request.iod_be));
+    if (ifindex == 0)
+        return refuse();
+    const daemon_frame frame{header.destination.data(), header.source.data(), ntohs(header.ethertype_be),
+                             payload, length};
+    return send_on_port(ifindex, frame);
+}
