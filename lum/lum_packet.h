@@ -3,6 +3,7 @@
 // its destination MAC and a length in bytes; nothing here keeps it beyond the call.
 #pragma once
 
+#include "lum_msgs.h"
 #include "lum_private.h"
 
 struct lum_frame {
@@ -18,8 +19,11 @@ void lum_process_pm_msg(std::uint8_t *payload, std::size_t size) LUM_LOCKED;
 void lum_input(std::uint8_t *frame, std::uint32_t length, std::uint32_t iod) LUM_LOCKED;    // iod 0: from the core
 int lum_is_link_local_multicast(const lum_frame &frame);
 lum_port *lum_on_iod(std::uint32_t iod) LUM_LOCKED;
-// Whether a frame between these two is to be traced under the packet debug flag.
+// Whether a frame between these two passes the packet trace filters; asked under the packet debug flag only.
 bool lum_packet_trace_wanted(const lum_mac_info &source, const lum_mac_info &destination);
+// Runs what follows when a frame between these two is to be traced; nothing is formatted for any other frame.
+#define LUM_IF_FRAME_TRACED(source, destination) \
+    if (__builtin_expect(lum_packet_debug_flag != 0, 0) && lum_packet_trace_wanted(source, destination))
 
 // ---- lum_packet_filter: 1 = must not go into the core
 int lum_filter(const lum_frame &frame, const lum_mac_info &source, const lum_mac_info &destination) LUM_LOCKED;
@@ -33,9 +37,19 @@ extern std::uint32_t lum_rtab_buffer_count;
 void lum_learn(const lum_mac_info &source, std::uint32_t iod) LUM_LOCKED;
 // 1: *record is the matching record; 0: it is the first free slot (null when the buffer is full).
 int lum_find_route_in_learn_buffer(const lum_mac_info &info, std::uint8_t **record) LUM_LOCKED;
+// Takes the first free slot for a record of that key and counts it; the caller fills the rest. The buffer must not be
+// full and must not hold the key.
+std::uint8_t *lum_append_to_learn_buffer(const lum_mac_info &info) LUM_LOCKED;
+void lum_clear_learn_buffer() LUM_LOCKED;
+// Fields of a record behind its key, host byte order.
+inline constexpr std::size_t LUM_LEARN_MARKER = 12, LUM_LEARN_HAS_NEXT_HOP = 13, LUM_LEARN_CODE = 16,
+                             LUM_LEARN_LENGTH = 20, LUM_LEARN_KIND = 24, LUM_LEARN_IOD = 28;
+inline constexpr std::uint16_t LUM_LEARN_DELETION_LENGTH = 24;       // a record without next hop
 
 // ---- lum_packet_forward
-void lum_forward(const lum_frame &frame, const lum_mac_info &source, const lum_mac_info &destination) LUM_LOCKED;
+// `iod` is where the frame arrived: no copy goes back there.
+void lum_forward(const lum_frame &frame, const lum_mac_info &source, const lum_mac_info &destination,
+                 std::uint32_t iod) LUM_LOCKED;
 void lum_mforward(const lum_frame &frame, const lum_mac_info &source, const lum_mac_info &destination,
                   std::uint32_t iod) LUM_LOCKED;
 void lum_bforward(const lum_frame &frame, const lum_mac_info &source, const lum_mac_info &destination,

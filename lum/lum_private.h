@@ -6,6 +6,7 @@
 #include "avlt.h"
 #include "bitfield.h"
 #include "cli.h"
+#include "corvane_thread.h"
 #include "hakit.h"
 #include "intfmgr.h"
 #include "ip.h"
@@ -196,6 +197,12 @@ extern std::uint32_t lum_pending_msg_count;
 
 // ---- lum_main: start-up, client bring-up, sockets, timers
 
+extern corvane_pthread_attr lum_thread_attr;
+extern pthread_t lum_ipc_thread, lum_pm_thread;
+extern std::uint32_t lum_ipc_thread_exists;             // started and not yet joined
+extern int lum_ip_udp_sid, lum_ipv6_udp_sid;            // -1 when closed
+extern std::uint32_t lum_ip_udp_bound, lum_ipv6_udp_bound;      // the socket has all its options and its port
+extern pthread_t lum_ip_udp_thread, lum_ipv6_udp_thread;        // a receive thread ends when its id reads 0
 int lum_process_main(int argc, char **argv);
 bool lum_init() LUM_LOCKED;
 bool lum_check_sup_state();
@@ -227,6 +234,8 @@ int lum_wait_for_ipv6_input() LUM_LOCKED;
 void lum_process_learn_timer(void *);                   // timer callbacks: run with the process lock held
 void lum_process_mrd_timer(void *vlan);
 void lum_process_heartbeat_timer(void *);
+inline constexpr std::uint32_t LUM_LEARN_PERIOD_S = 15;
+void lum_set_next_age_time();                           // a whole ageing interval from now
 void lum_ager() LUM_LOCKED;
 void lum_send_buffer_to_rtab(const char *who) LUM_LOCKED;
 bool lum_data_in_last_minute(const timestamp &seen);
@@ -236,7 +245,13 @@ bool lum_data_in_last_minute(const timestamp &seen);
 void *lum_main(void *);                                 // thread body of lum-ipc-thread
 int lum_dispatch(mbus_msg &msg) LUM_LOCKED;             // LUM_KEEP, LUM_DONE or LUM_NOT_HANDLED
 int lum_process_overlay_delete_notify_msg(mbus_msg &msg) LUM_LOCKED;
+int lum_process_ip_msg(mbus_msg &msg) LUM_LOCKED;       // of either family
 int lum_process_ipv6_msg(mbus_msg &msg) LUM_LOCKED;
+int lum_process_if_create_msg(mbus_msg &msg) LUM_LOCKED;
+int lum_process_if_delete_msg(mbus_msg &msg) LUM_LOCKED;
+int lum_process_l3_state_change_msg(mbus_msg &msg) LUM_LOCKED;
+int lum_process_l3_param_change_msg(mbus_msg &msg) LUM_LOCKED;
+int lum_process_send_packet_msg(mbus_msg &msg) LUM_LOCKED;
 
 // ---- lum_ha
 
