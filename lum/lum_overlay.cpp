@@ -64,7 +64,6 @@ bool lum_init_overlay(lum_overlay &overlay, std::uint32_t iod)
     overlay.suppress_arp = 1;
     lum_get_default_ipv4_core_group(overlay.data_group);
     lum_get_default_ipv6_core_group(overlay.data_group6);
-    pt_init(overlay.arp_nd_cache, lum_svr.pt_attr16);
     return true;
 }
 

@@ -174,7 +174,9 @@ int lum_show_interface_cmd(cli_cmd *cmd)
             return CLI_STOPPED;
         if (plock_sched_may_yield())
             plock_sched_yield();
-        at = pt_next(lum_interface_pt, &port.iod);
+        std::array<std::uint8_t, 4> key;         // ports are kept in ascending order of their iods
+        wire_set_be32(key.data(), port.iod);
+        at = pt_next(lum_interface_pt, key.data());
     }
     return CLI_DONE;
 }
