@@ -90,7 +90,8 @@ answer update(const peer &from, byte_view request)
     const byte_view elements = in.rest();
     if (!in.ok() || count > RTAB_UPDATE_ELEMENTS_MAX || elements.size() != count * RTAB_UPDATE_STRIDE)
         return {EINVAL, {}};
-    const std::uint32_t refused = rtab_apply(*service.table, from.service, header, elements, count, now_ns());
+    const rtab_caller caller{from.service, now_ns(), [](std::uint32_t iod) { return intfmgr_exists(iod); }};
+    const std::uint32_t refused = rtab_apply(*service.table, caller, header, elements, count);
     return {0, byte_writer().put(refused).take()};
 }
 

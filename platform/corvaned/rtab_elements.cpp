@@ -3,6 +3,7 @@
 
 #include "../wire/rtab_update.h"
 
+#include <algorithm>
 #include <cstring>
 
 using namespace corvane;
@@ -51,24 +52,44 @@ result operator_withdraws(rtab_table &table, std::uint32_t owner, const element 
     return e.has_nexthop ? table.leave(owner, e.key, e.nexthop) : table.withdraw(owner, e.key);
 }
 
+// What stood for the same next hop while its interface had another iod.
+bool is_predecessor(const rtab_addr &old, const rtab_addr &fresh, const rtab_caller &caller)
+{
+    const bool same_end = old.kind == 1 || std::equal(old.body.begin() + 4, old.body.end(), fresh.body.begin() + 4);
+    return old.kind == fresh.kind && (old.kind == 1 || old.kind == 6) && same_end && iod_of(old) != iod_of(fresh) &&
+           !caller.interface_exists(iod_of(old));
+}
+
+// A next hop that is absent may be gone already: that is no refusal.
+result resolve(rtab_table &table, const rtab_caller &caller, const element &e)
+{
+    if (!e.has_nexthop)
+        return result::REFUSED;
+    if (e.up == 0) {
+        (void)operator_withdraws(table, caller.owner, e);
+        return result::DONE;
+    }
+    const result done = operator_adds(table, caller.owner, e);
+    for (const rtab_addr &old : table.operator_nexthops(caller.owner, e.key))
+        if (is_predecessor(old, e.nexthop, caller))
+            (void)table.leave(caller.owner, e.key, old);
+    return done;
+}
+
 constexpr std::uint32_t WORD_OPERATOR = 10;
 
-result apply_plain(rtab_table &table, std::uint32_t owner, const element &e, std::uint64_t now_ns)
+result apply_plain(rtab_table &table, const rtab_caller &caller, const element &e)
 {
+    const std::uint32_t owner = caller.owner;
     switch (e.operation) {
-    case RTAB_OPERATION_NONE:                                // re-resolution; an absent next hop may be gone already
-        if (!e.has_nexthop)
-            return result::REFUSED;
-        if (e.up != 0)
-            return operator_adds(table, owner, e);
-        (void)operator_withdraws(table, owner, e);
-        return result::DONE;
+    case RTAB_OPERATION_NONE:
+        return resolve(table, caller, e);
     case RTAB_OPERATION_ADD:
         if (e.word == WORD_OPERATOR)
             return e.has_nexthop ? operator_adds(table, owner, e) : result::REFUSED;
         if (rtab_is_group(e.key))                            // nobody is learnt behind a group address
             return result::REFUSED;
-        return e.has_nexthop ? table.learn(owner, e.key, e.nexthop, now_ns) : table.withdraw_learnt(owner, e.key);
+        return e.has_nexthop ? table.learn(owner, e.key, e.nexthop, caller.now_ns) : table.withdraw_learnt(owner, e.key);
     case RTAB_OPERATION_DELETE:
         return operator_withdraws(table, owner, e);
     default:
@@ -141,8 +162,8 @@ bool rtab_is_nexthop(const rtab_addr &nexthop)
     return nexthop.kind >= 1 && nexthop.kind <= 5;
 }
 
-std::uint32_t rtab_apply(rtab_table &table, std::uint32_t owner, byte_view header, byte_view elements,
-                         std::uint32_t count, std::uint64_t now_ns)
+std::uint32_t rtab_apply(rtab_table &table, const rtab_caller &caller, byte_view header, byte_view elements,
+                         std::uint32_t count)
 {
     const bool built = value_at<std::uint32_t>(header, RTAB_HEADER_MARK) == RTAB_BUILT;
     std::uint32_t refused = 0;
@@ -155,9 +176,9 @@ std::uint32_t rtab_apply(rtab_table &table, std::uint32_t owner, byte_view heade
         else if (built)
             route.push_back(e);
         else
-            refused += apply_plain(table, owner, e, now_ns) == result::DONE ? 0 : 1;
+            refused += apply_plain(table, caller, e) == result::DONE ? 0 : 1;
     }
-    return route.empty() ? refused : refused + apply_built(table, owner, header, route);
+    return route.empty() ? refused : refused + apply_built(table, caller.owner, header, route);
 }
 
 } // namespace corvaned

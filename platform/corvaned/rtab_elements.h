@@ -10,11 +10,17 @@
 
 namespace corvaned {
 
+struct rtab_caller {
+    std::uint32_t owner = 0;                                 // service number
+    std::uint64_t now_ns = 0;
+    std::function<bool(std::uint32_t iod)> interface_exists;
+};
+
 // Applies `count` elements at a stride of 52 bytes; what lies in `elements` beyond them is not looked at. Returns how
 // many were refused: of no known meaning, withdrawing what is not there, or without room. An element stands for
 // itself: the others are applied all the same.
-[[nodiscard]] std::uint32_t rtab_apply(rtab_table &table, std::uint32_t owner, corvane::byte_view header,
-                                       corvane::byte_view elements, std::uint32_t count, std::uint64_t now_ns);
+[[nodiscard]] std::uint32_t rtab_apply(rtab_table &table, const rtab_caller &caller, corvane::byte_view header,
+                                       corvane::byte_view elements, std::uint32_t count);
 
 // False: malformed key (VLAN above 4095).
 [[nodiscard]] bool rtab_read_key(corvane::byte_view bytes, std::uint64_t &key);

@@ -189,10 +189,7 @@ rtab_table::result rtab_table::replace(std::uint32_t owner, std::uint64_t key, s
 
 rtab_table::result rtab_table::join(std::uint32_t owner, std::uint64_t key, const rtab_addr &nexthop)
 {
-    const auto old = find(owner, key, true);
-    std::vector<rtab_addr> nexthops;
-    if (old.slot != RTAB_NO_SLOT)
-        nexthops = nexthops_of(routes_.at(old.slot));
+    std::vector<rtab_addr> nexthops = operator_nexthops(owner, key);
     if (std::ranges::any_of(nexthops, [&](const rtab_addr &n) { return rtab_addr_equal(n, nexthop); }))
         return result::DONE;
     if (nexthops.size() == RTAB_MAX_NEXTHOPS)
@@ -203,16 +200,19 @@ rtab_table::result rtab_table::join(std::uint32_t owner, std::uint64_t key, cons
 
 rtab_table::result rtab_table::leave(std::uint32_t owner, std::uint64_t key, const rtab_addr &nexthop)
 {
-    const auto old = find(owner, key, true);
-    if (old.slot == RTAB_NO_SLOT)
-        return result::REFUSED;
-    std::vector<rtab_addr> nexthops = nexthops_of(routes_.at(old.slot));
+    std::vector<rtab_addr> nexthops = operator_nexthops(owner, key);
     if (std::erase_if(nexthops, [&](const rtab_addr &n) { return rtab_addr_equal(n, nexthop); }) == 0)
         return result::REFUSED;
     return put_static(owner, key, nexthops);
 }
 
 rtab_table::result rtab_table::withdraw(std::uint32_t owner, std::uint64_t key) { return put_static(owner, key, {}); }
+
+std::vector<rtab_addr> rtab_table::operator_nexthops(std::uint32_t owner, std::uint64_t key)
+{
+    const auto route = find(owner, key, true);
+    return route.slot == RTAB_NO_SLOT ? std::vector<rtab_addr>{} : nexthops_of(routes_.at(route.slot));
+}
 
 void rtab_table::forget_iod(std::uint32_t iod)
 {

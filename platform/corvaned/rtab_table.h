@@ -39,6 +39,8 @@ public:
     result replace(std::uint32_t owner, std::uint64_t key, std::span<const rtab_addr> nexthops);
     result withdraw(std::uint32_t owner, std::uint64_t key);                             // all of the operator's
 
+    [[nodiscard]] std::vector<rtab_addr> operator_nexthops(std::uint32_t owner, std::uint64_t key);
+
     // Multicast routes; source and group 0 for a route of the MAC itself.
     result join_group(const rtab_source_key &source, std::uint32_t iod);
     result leave_group(const rtab_source_key &source, std::uint32_t iod);

@@ -51,13 +51,6 @@ bool find(const rtab_mac_info &key, rtab_route &out)
     return out.nexthop_count != 0;
 }
 
-// `flow` may be as weak a hash as the caller likes: its bits are mixed before they choose.
-std::size_t spread(std::uint32_t flow, std::uint32_t count)
-{
-    const std::uint32_t mixed = (flow ^ flow >> 16) * 0x9E3779B1u;
-    return static_cast<std::size_t>(static_cast<std::uint64_t>(mixed) * count >> 32);
-}
-
 bool send(byte_view header, byte_view elements)
 {
     const auto count = static_cast<std::uint32_t>(elements.size() / RTAB_UPDATE_STRIDE);
@@ -101,7 +94,7 @@ const rtab_route *rtab_get_route(const rtab_mac_info &key, std::uint32_t flow, r
     rtab_route &route = answer_get;
     if (!find(key, route))
         return nullptr;
-    nexthop = route.nexthop[route.nexthop_count == 1 ? 0 : spread(flow, route.nexthop_count)];
+    nexthop = route.nexthop[route.nexthop_count == 1 ? 0 : flow % route.nexthop_count];
     return &route;
 }
 
