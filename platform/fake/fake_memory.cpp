@@ -35,6 +35,7 @@ void reset_memory()
 {
     usage = {};
     ++generation;
+    pool.out = 0;
 }
 
 std::size_t platform_object::memory_blocks(std::uint32_t type) const { return usage.at(type).blocks; }
@@ -45,6 +46,7 @@ std::size_t platform_object::mbufs_out() const { return pool.out; }
 using namespace fake;
 
 struct mbuf {
+    std::uint64_t generation = 0;
     std::size_t length = 0;
     std::array<std::uint8_t, 16384> data{};
 };
@@ -108,6 +110,7 @@ mbuf *m_get(std::size_t /*size_hint*/)
         m = pool.free.back();
         pool.free.pop_back();
     }
+    m->generation = generation;
     m->length = 0;
     ++pool.out;
     return m;
@@ -128,7 +131,8 @@ void m_freem(mbuf *m)
 {
     if (m == nullptr)
         return;
-    --pool.out;
+    if (m->generation == generation)
+        --pool.out;
     pool.free.push_back(m);
 }
 

@@ -14,6 +14,7 @@ protected:
     {
         platform.reset();
         plock_acquire_process_lock();
+        platform.forget();
     }
     ~FakePlatformTest() override
     {
@@ -22,5 +23,7 @@ protected:
         EXPECT_EQ(platform.mbufs_out(), 0u) << "packet buffers were not given back";
         EXPECT_FALSE(platform.route_lock_held) << "the route table's reader lock was left held";
         platform.reset();
+        while (platform.lock_held())
+            plock_release_process_lock();
     }
 };
