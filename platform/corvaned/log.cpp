@@ -3,6 +3,7 @@
 #include "log.h"
 
 #include "shm.h"
+#include "svcmgr.h"
 
 #include "../wire/log.h"
 
@@ -105,6 +106,8 @@ int set_logging_level(command &cmd)
         }
     }
     platform().log_level = level;
+    svcmgr_tell_all(corvane::SVCMGR_SAP, corvane::EVHIST_OPC_CONTROL,
+                    byte_writer().put(corvane::EVHIST_LEVEL).put(std::uint32_t{level}).view());
     return 0;
 }
 

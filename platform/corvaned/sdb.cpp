@@ -7,8 +7,10 @@
 #include "database.h"
 #include "loop.h"
 #include "rpc.h"
+#include "svcmgr.h"
 
 #include "../wire/sdb.h"
+#include "../wire/svcmgr.h"
 
 #include "../api/sdb.h"
 
@@ -17,6 +19,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <set>
 #include <utility>
 
 namespace corvaned {
@@ -28,11 +31,19 @@ struct shared_database {
     std::uint32_t change_opcode = 0;               // 0: nobody is told
 };
 
+constexpr std::chrono::milliseconds RESEND_DELAY{1000};
+
+struct last_write {
+    std::uint64_t sequence = 0;
+    std::string database;
+};
+
 struct sdb_state {
     std::map<std::string, shared_database> databases;
     std::map<std::string, std::unique_ptr<kv_store>> stores;
-    std::map<std::uint64_t, std::uint64_t> unacknowledged;      // by connection: last write of this turn
+    std::map<std::uint64_t, last_write> unacknowledged;         // by connection, of this turn
     std::uint64_t known_failures = 0;
+    std::set<std::uint64_t> resend_asked;                       // connections
 };
 
 sdb_state &state()
@@ -111,7 +122,20 @@ void announce(const std::string &name, const shared_database &db, std::uint32_t 
     std::memcpy(&context[corvane::SDB_CONTEXT_OPERATION], &operation, sizeof operation);
     std::memcpy(&context[corvane::SDB_CONTEXT_KEY_LENGTH], &length, sizeof length);
     std::memcpy(&context[corvane::SDB_CONTEXT_KEY], key.data(), length);
-    bus_announce(0, db.change_opcode, context);
+    bus_announce(corvane::SDB_SAP, db.change_opcode, context);
+}
+
+// What was refused is not acknowledged: the client is asked for it again a little later.
+void refused(const peer &who, const std::string &name)
+{
+    const std::uint64_t connection = who.connection;
+    if (!state().resend_asked.insert(connection).second)
+        return;
+    svcmgr_tell(who.pid, corvane::SDB_SAP, corvane::SDB_OPC_REFUSED, byte_writer().text(name).view());
+    after(RESEND_DELAY, [connection] {
+        state().resend_asked.erase(connection);
+        connection_send(connection, corvane::FRAME_EVENT, corvane::EVENT_SDB_RESEND, 0, {});
+    });
 }
 
 answer handle_change(const peer &who, byte_view request, bool write)
@@ -126,9 +150,11 @@ answer handle_change(const peer &who, byte_view request, bool write)
         return {in.done() && db == nullptr ? ENOENT : EINVAL, {}};
     database_group();
     const bool done = write ? db->store.put(key, value) : db->store.erase(key);
-    if (!done && write)
-        return {EIO, {}};          // not acknowledged: the client keeps it for the next connection
-    state().unacknowledged[who.connection] = sequence;
+    if (!done && write) {
+        refused(who, name);
+        return {EIO, {}};
+    }
+    state().unacknowledged[who.connection] = {sequence, name};
     announce(name, *db, write ? corvane::SDB_OPERATION_WRITE : corvane::SDB_OPERATION_DELETE, key);
     return {};
 }
@@ -139,10 +165,17 @@ void acknowledge()
         return;
     database_commit();
     const bool kept = database_failed_commits() == std::exchange(state().known_failures, database_failed_commits());
-    for (const auto &[connection, sequence] : state().unacknowledged)
-        if (kept)
+    for (const auto &[connection, write] : state().unacknowledged) {
+        const peer *who = connection_peer(connection);
+        if (who == nullptr)
+            continue;
+        // Behind a write that was refused nothing is acknowledged, so that all of it comes again in its order.
+        if (!kept)
+            refused(peer(*who), write.database);
+        else if (!state().resend_asked.contains(connection))
             connection_send(connection, corvane::FRAME_EVENT, corvane::EVENT_SDB_COMMITTED, 0,
-                            byte_writer().put(sequence).view());
+                            byte_writer().put(write.sequence).view());
+    }
     state().unacknowledged.clear();
 }
 
@@ -167,6 +200,24 @@ answer handle_page(const peer &, byte_view request)
         ++count;
     }
     return {0, byte_writer().put(count).raw(records.view()).take()};
+}
+
+answer handle_clear(const peer &, byte_view request)
+{
+    byte_reader in(request);
+    const std::string name = in.text();
+    shared_database *db = in.done() ? find(name) : nullptr;
+    if (db == nullptr)
+        return {ENOENT, {}};
+    database_group();
+    for (auto page = db->store.range({}, {}, corvane::SDB_PAGE_MAX); !page.empty();
+         page = db->store.range({}, {}, corvane::SDB_PAGE_MAX))
+        for (const kv_store::record &r : page) {
+            if (!db->store.erase(r.key))
+                return {EIO, {}};
+            announce(name, *db, corvane::SDB_OPERATION_DELETE, r.key);
+        }
+    return {};
 }
 
 kv_store &store_of(const std::string &name)
@@ -228,12 +279,16 @@ void sdb_start()
     serve_method(corvane::SDB_DELETE, [](const peer &who, byte_view in) { return handle_change(who, in, false); });
     serve_method(corvane::SDB_PAGE, handle_page);
     serve_method(corvane::SDB_SYNC, [](const peer &, byte_view) { return answer{database_commit() ? 0 : EIO, {}}; });
+    serve_method(corvane::SDB_CLEAR, handle_clear);
     serve_method(corvane::PSTORE_OPEN, handle_store_open);
     serve_method(corvane::PSTORE_WRITE, handle_store_write);
     serve_method(corvane::PSTORE_READ, handle_store_read);
     serve_method(corvane::PSTORE_DELETE, handle_store_delete);
     at_turn_end(acknowledge);
-    on_disconnect([](const peer &who) { state().unacknowledged.erase(who.connection); });
+    on_disconnect([](const peer &who) {
+        state().unacknowledged.erase(who.connection);
+        state().resend_asked.erase(who.connection);
+    });
 }
 
 } // namespace corvaned

@@ -356,6 +356,12 @@ bool svcmgr_tell(pid_t pid, std::uint32_t source_sap, std::uint32_t opcode, byte
     return false;
 }
 
+void svcmgr_tell_all(std::uint32_t source_sap, std::uint32_t opcode, byte_view payload)
+{
+    for (const auto &[connection, c] : state().clients)
+        bus_deliver(connection, c.queue, source_sap, opcode, payload);
+}
+
 void promote_client(pid_t pid)
 {
     for (const auto &[connection, c] : state().clients) {

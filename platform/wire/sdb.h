@@ -14,13 +14,17 @@ inline constexpr std::uint32_t
     SDB_DELETE = method(METHOD_SDB, 4),     // one way: u64 sequence, text name, blob key
     SDB_PAGE = method(METHOD_SDB, 5),       // text name, blob prefix, blob after, u32 limit -> u32 count, {blob, blob}
     SDB_SYNC = method(METHOD_SDB, 6),       // -: everything written before is kept when this is answered
+    SDB_CLEAR = method(METHOD_SDB, 7),      // text name: every record goes
     PSTORE_OPEN = method(METHOD_PSTORE, 1),     // text name
     PSTORE_WRITE = method(METHOD_PSTORE, 2),    // text name, blob key, blob value
     PSTORE_READ = method(METHOD_PSTORE, 3),     // text name, blob key -> blob value; ENOENT
     PSTORE_DELETE = method(METHOD_PSTORE, 4);   // text name, blob key; ENOENT
 
 // FRAME_EVENT: u64 sequence: writes up to it are kept; a client sends the later ones again after a reconnect.
-inline constexpr std::uint32_t EVENT_SDB_COMMITTED = 1;
+inline constexpr std::uint32_t EVENT_SDB_COMMITTED = 1,
+                               EVENT_SDB_RESEND = 2;          // -: a write was refused: everything unacknowledged again
+// Message to the owner of a database whose write was refused: text name.
+inline constexpr std::uint32_t SDB_OPC_REFUSED = 0x9EA;
 
 inline constexpr std::size_t STORE_NAME_MAX = 64, STORE_KEY_MAX = 1024, STORE_VALUE_MAX = 128 * 1024, SDB_PAGE_MAX = 64;
 

@@ -382,6 +382,11 @@ int send_oneway_pieces(std::uint32_t method, std::initializer_list<byte_view> pi
     return await_link() ? send_frame({FRAME_ONEWAY, method, 0}, pieces, wait) : ENOTCONN;
 }
 
+int send_oneway_now(std::uint32_t method, byte_view request, bool wait)
+{
+    return send_frame({FRAME_ONEWAY, method, 0}, {request}, wait);
+}
+
 int send_oneway(std::uint32_t method, byte_view request, bool wait)
 {
     return send_oneway_pieces(method, {request}, wait);

@@ -14,7 +14,9 @@ bool connection_ensure();
 // Sends a frame nobody answers. `wait`: for a slow corvaned up to a second; otherwise a full socket fails with EAGAIN.
 // 0 or an errno value.
 int send_oneway(std::uint32_t method, byte_view request, bool wait);
-// The same, of a frame whose pieces are not put together first.
+// The same where it must not wait for a connection that is being made: to the one there is, or ENOTCONN.
+int send_oneway_now(std::uint32_t method, byte_view request, bool wait);
+// As send_oneway, of a frame whose pieces are not put together first.
 int send_oneway_pieces(std::uint32_t method, std::initializer_list<byte_view> pieces, bool wait);
 [[nodiscard]] reply call_pieces(std::uint32_t method, std::initializer_list<byte_view> pieces);
 
