@@ -44,6 +44,7 @@ inline constexpr std::uint32_t EVHIST_LEVEL = 1,      // the facility's level
                                EVHIST_CLEAR = 3;
 
 // Numbers of services besides those of svcmgr.h.
-inline constexpr std::uint32_t SVC_LUM = 581, SVC_SVCMGR = 33, SVC_SDB = 320, SVC_FEATMGR = 95;
+inline constexpr std::uint32_t SVC_LUM = 581, SVC_SVCMGR = 33, SVC_SDB = 320, SVC_VLANMGR = 321,
+                               SVC_FEATMGR = 95;
 
 } // namespace corvane
