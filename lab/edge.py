@@ -59,7 +59,7 @@ class Edge:
                   f"  lum vpn-vlan {','.join(map(str, self.topology.vlans))}",
                   *(f"  {line}" for line in overlay_lines)]
         for host in self.topology.hosts.values():
-            for vlan in [host.vlan] if host.vlan else []:
+            for vlan in [host.vlan] if host.vlan else self.topology.vlans:       # a trunk's host is on all of them
                 if host.site != self.node.site and remote_routes:
                     lines.append(f"lum route {vlan}/{host.mac} interface Overlay1 "
                                  f"next-hop {self.topology.edge_address(host.site)}")
