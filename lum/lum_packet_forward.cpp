@@ -33,6 +33,13 @@ void forward_to_edge(const lum_frame &frame, const lum_addr &next_hop, const lum
     lum_encapsulate(frame, source, destination, next_hop, *overlay);
 }
 
+// Of the pair of MACs, so that a conversation keeps its path. Mixed once more, since neighbouring addresses differ in
+// bits that a choice between few next hops does not look at.
+std::uint32_t flow_of(const lum_frame &frame)
+{
+    return lum_mac_hash(frame.data) * 0x9E3779B1u >> 16;
+}
+
 bool may_enter_core(const lum_frame &frame, const lum_mac_info &source, const lum_mac_info &destination) LUM_LOCKED;
 bool may_enter_core(const lum_frame &frame, const lum_mac_info &source, const lum_mac_info &destination)
 {
@@ -49,7 +56,7 @@ void lum_forward(const lum_frame &frame, const lum_mac_info &source, const lum_m
 {
     lum_addr next_hop;
     lum_text info, text;
-    if (rtab_get_route(destination, lum_mac_hash(frame.data), next_hop) == nullptr) {
+    if (rtab_get_route(destination, flow_of(frame), next_hop) == nullptr) {
         // Never flooded, deliberate: a host is known to the route table before it is reachable across the core.
         drop_count(drop_reason::FWD_NO_ROUTE);
         LUM_IF_FRAME_TRACED(source, destination)

@@ -119,7 +119,7 @@ int lum_output(const lum_frame &frame, std::uint32_t iod, const lum_mac_info &so
         return 0;
     }
     const bool keep_tag = port->trunk != 0;
-    if (!keep_tag && !can_be_untagged(frame)) {
+    if (frame.length < HEADER_SIZE || (!keep_tag && !can_be_untagged(frame))) {
         drop_count(frame.length < TAGGED_SNAP_MIN ? drop_reason::L2_TRUNCATED : drop_reason::L2_OVERSIZED);
         return 0;
     }
