@@ -154,7 +154,7 @@ void interface_manager::publish(const interface_state &interface)
     flag(interface.present && interface.overlay, INTERFACE_OVERLAY);
     flag(interface.present && interface.tunnel(), INTERFACE_TUNNEL);
     if (interface.present) {
-        values.ifindex = interface.link.ifindex;
+        values.ifindex = interface.overlay ? INTERFACE_OVERLAY_IFINDEX | interface.iod : interface.link.ifindex;
         values.context = interface.context;
         values.ipv4 = interface.addresses.ipv4();
         values.ipv6 = interface.addresses.ipv6();

@@ -36,7 +36,7 @@ inline constexpr std::uint32_t
 struct interface_slot {
     std::atomic<std::uint32_t> sequence;                     // odd while name, addresses and MAC change
     std::atomic<std::uint32_t> flags;
-    std::atomic<std::uint32_t> ifindex;                      // 0 for an overlay interface and for one that is gone
+    std::atomic<std::uint32_t> ifindex;                      // 0 for an interface that is gone
     std::atomic<std::uint32_t> context;                      // L3 context: the table of the device's VRF, 0 the default
     std::atomic<std::uint32_t> ipv4;                         // host byte order, 0 = none
     std::atomic<std::uint32_t> mtu;
@@ -49,6 +49,8 @@ static_assert(sizeof(interface_slot) == 192);
 static_assert(INTFMGR_NAME_SIZE <= sizeof(interface_slot::name));
 
 inline constexpr std::uint32_t INTERFACE_SLOTS = INTFMGR_IOD_MAX + 1;
+// Overlay interfaces are no devices of the kernel: theirs are far above any that it gives.
+inline constexpr std::uint32_t INTERFACE_OVERLAY_IFINDEX = 0x40000000;
 inline constexpr std::uint32_t INTERFACE_INDEX_SIZE = 2048;  // more than twice the slots: probes stay short
 
 struct interface_table {
