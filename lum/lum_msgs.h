@@ -1,46 +1,13 @@
-// The syslog catalogue, and the two routines through which the daemon speaks: catalogued messages and traces.
+// The two routines through which the daemon speaks: catalogued messages (listed in lum_syslog_def.h, where readers of
+// the log find them too) and traces.
 #pragma once
 
 #include "evhist.h"
+#include "lum_syslog_def.h"
 #include "syslog_client.h"
 #include "thread_annotations.h"
 
 #include <cstdint>
-
-// tag, severity, format.
-#define LUM_SHORT_MESSAGES(X) \
-    X(USAGE, 6, "Usage: lum [-h] [-d] [-m <memory-in-mb>]") \
-    X(MBUS_BIND, 3, "Error returned from mbus_bind() for %s mbus queue, errno: %s") \
-    X(TIMER_FAILED, 3, "could not %s") \
-    X(PTHREAD_FAILED, 3, "pthread_create() failed for lum_main()") \
-    X(API_FAILED, 3, "%s failed") \
-    X(INIT_FAIL, 3, "Initialization failure: %s") \
-    X(SHUTDOWN, 6, "Shutting down LUM process%s") \
-    X(NO_SET_PRIORITY, 3, "Failed to set policy or priority") \
-    X(MALLOC_FAILED, 3, "%s failed for %s") \
-    X(MBUS_RECV, 3, "Error returned from mbus_recv(), errno: %s") \
-    X(MBUS_SEND, 3, "Error returned from mbus_send(), errno: %s") \
-    X(SVCMGR_DISPATCH, 3, "Error returned from svcmgr_dispatch(), errno: %s") \
-    X(MBUS_DROP, 3, "Error returned from mbus_drop(), errno: %s") \
-    X(MBUS_REG, 3, "Error returned from mbus register for opcode 0x%x, error: %s") \
-    X(UNKNOWN_LUM_MINOR, 3, "lum_main(): unknown minor mtype: %d") \
-    X(UNKNOWN_LUM_MAJOR, 3, "lum_main(): unknown major mtype: %d") \
-    X(UNK_IP_NOTIF, 3, "Unrecognized IP address change notification type %lu") \
-    X(SHUTDOWN_REQUEST_FAIL, 6, "LUM shutdown request failed, %s") \
-    X(SUBCR_INIT, 3, "Could not initialize shared database client for interfaces rc=0x%x [%s]") \
-    X(UNKNOWN_OPC, 3, "lum_pm_main(): unknown MBUS OPC type: %d") \
-    X(SOCKET, 3, "socket() for %s failed: %s") \
-    X(BIND, 3, "bind() on %s failed: %s") \
-    X(SETSOCKOPT, 3, "setsockopt() on %s failed: %s") \
-    X(PTHREAD_CREATE, 3, "Couldn't create thread %s") \
-    X(ASSERT, 3, "%s:%d: Assertion `%s' failed.") \
-    X(OVLY_ADD, 3, "Failed to add overlay entry") \
-    X(OVLY_DEL, 3, "Failed to delete overlay %s: %s") \
-    X(VLAN_OVLY_MISMATCH, 3, "VLAN %d doesn't match configured overlay %s") \
-    X(STATE_MISMATCH, 4, "state mismatch - %s - in %s()")
-// Raised by a library on behalf of the process: a library record in place of a short one (lum_msgs.cpp).
-#define LUM_LIBRARY_MESSAGES(X) X(SDB_READ, 3, "Error reading %s database")
-#define LUM_MESSAGES(X) LUM_SHORT_MESSAGES(X) LUM_LIBRARY_MESSAGES(X)
 
 #define LUM_DECLARE_MESSAGE(tag, severity, format) extern const syslog_msg_full msg_error_LUM_##tag;
 LUM_MESSAGES(LUM_DECLARE_MESSAGE)

@@ -1,5 +1,5 @@
-// The daemon's messages as readers of the log meet them. A line begins "<<%LUM-<severity>-<tag>>> " and its text follows
-// (tag LUM_SDB_READ for SDB_READ, which a library raises for the daemon). Severities are those of syslog.
+// The daemon's messages as readers of the log meet them. A line begins "<<%LUM-<severity>-<tag>>> " and its text follows.
+// Severities are those of syslog.
 #pragma once
 
 #include <array>
@@ -11,7 +11,7 @@ inline constexpr std::uint32_t LUM_SYSLOG_ERROR = 3, LUM_SYSLOG_WARNING = 4, LUM
 inline constexpr int LUM_SYSLOG_TRACE_LEVEL = 2;                // of the lines that debugging writes
 
 // tag, severity, format of the text
-#define LUM_SYSLOG_MESSAGES(X) \
+#define LUM_SHORT_MESSAGES(X) \
     X(USAGE, 6, "Usage: lum [-h] [-d] [-m <memory-in-mb>]") \
     X(MBUS_BIND, 3, "Error returned from mbus_bind() for %s mbus queue, errno: %s") \
     X(TIMER_FAILED, 3, "could not %s") \
@@ -40,8 +40,10 @@ inline constexpr int LUM_SYSLOG_TRACE_LEVEL = 2;                // of the lines 
     X(OVLY_ADD, 3, "Failed to add overlay entry") \
     X(OVLY_DEL, 3, "Failed to delete overlay %s: %s") \
     X(VLAN_OVLY_MISMATCH, 3, "VLAN %d doesn't match configured overlay %s") \
-    X(STATE_MISMATCH, 4, "state mismatch - %s - in %s()") \
-    X(SDB_READ, 3, "Error reading %s database")
+    X(STATE_MISMATCH, 4, "state mismatch - %s - in %s()")
+// Raised by a library on behalf of the process: its line names the tag LUM_SDB_READ.
+#define LUM_LIBRARY_MESSAGES(X) X(SDB_READ, 3, "Error reading %s database")
+#define LUM_MESSAGES(X) LUM_SHORT_MESSAGES(X) LUM_LIBRARY_MESSAGES(X)
 
 struct lum_syslog_message {
     std::string_view tag;
@@ -50,6 +52,6 @@ struct lum_syslog_message {
 };
 inline constexpr auto lum_syslog_messages = std::to_array<lum_syslog_message>({
 #define LUM_SYSLOG_ROW(tag, severity, format) {#tag, severity, format},
-    LUM_SYSLOG_MESSAGES(LUM_SYSLOG_ROW)
+    LUM_MESSAGES(LUM_SYSLOG_ROW)
 #undef LUM_SYSLOG_ROW
 });
