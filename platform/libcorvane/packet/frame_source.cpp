@@ -67,6 +67,7 @@ std::uint32_t served_ifindex(const interface_table &table, std::uint32_t iod)
 } // namespace
 
 static_assert(NET_L2_MSG_FRAME + TAG_HEADROOM <= port_ring::HEADROOM);
+static_assert(NET_L2_MSG_FRAME <= gre_input::HEADROOM);
 
 frame_source::frame_source()
     : big_(std::make_unique_for_overwrite<std::uint8_t[]>(BIG_HEADROOM + BIG_FRAME)),
@@ -250,12 +251,42 @@ void frame_source::take_from(port &p)
         drop_count(drop_reason::L2_RING_FULL, p.ring.take_lost());
 }
 
+void frame_source::follow_tunnel()
+{
+    if (overlays_use_gre() == (tunnel_ != nullptr))
+        return;
+    tunnel_ = tunnel_ == nullptr ? std::make_unique<gre_input>() : nullptr;
+    if (tunnel_ != nullptr) {
+        watch(epoll_fd_, tunnel_->fd4());
+        watch(epoll_fd_, tunnel_->fd6());
+    }
+}
+
+// One of the sockets a lot, in turns, with a look at the other when the first had nothing.
+void frame_source::take_from_tunnel()
+{
+    tunnel_turn_ = !tunnel_turn_;
+    const int first = tunnel_turn_ ? tunnel_->fd4() : tunnel_->fd6();
+    const int second = tunnel_turn_ ? tunnel_->fd6() : tunnel_->fd4();
+    std::size_t n = tunnel_->fill(first);
+    n = n != 0 ? n : tunnel_->fill(second);
+    for (std::size_t i = 0; i < n; ++i) {
+        message m;
+        m.live = tunnel_->frame(i, m.frame, m.iod);
+        if (m.live)
+            lot_[count_++] = m;
+    }
+}
+
 void frame_source::take_lot()
 {
     finish_lot();
     follow_ports();
+    follow_tunnel();
     if (super_.left() != 0)
         add_segments();
+    else if (tunnel_ != nullptr)
+        take_from_tunnel();
     const auto ports = static_cast<std::uint32_t>(ports_.size());
     for (std::uint32_t i = 0; i < ports && count_ < BATCH && !lot_full_; ++i)
         take_from(*ports_[(first_port_ + i) % ports]);

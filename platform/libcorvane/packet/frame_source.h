@@ -4,6 +4,7 @@
 
 #include "../mbus_local.h"
 #include "../plock_batch.h"
+#include "gre.h"
 #include "port_ring.h"
 
 #include "net_l2.h"
@@ -53,6 +54,8 @@ private:
 
     void take_lot();
     void take_from(port &p);
+    void take_from_tunnel();
+    void follow_tunnel();
     [[nodiscard]] bool take_frame(port &p);
     [[nodiscard]] bool take_big_frame(port &p, received_frame &received);
     void add(port &p, received_frame &received, std::uint32_t slot);
@@ -85,6 +88,9 @@ private:
     port *super_port_ = nullptr;
     std::unique_ptr<std::uint8_t[]> big_;
     bool big_used_ = false;                  // by a frame of the present lot, or by segments that are left
+
+    std::unique_ptr<gre_input> tunnel_;      // while an overlay is in GRE format
+    bool tunnel_turn_ = false;               // which of its two sockets is asked first
 
     int epoll_fd_ = -1, change_fd_ = -1, watched_wake_fd_ = -1;
 };

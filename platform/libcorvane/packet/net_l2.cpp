@@ -5,6 +5,8 @@
 #include "../core/monitor.h"
 #include "../interfaces.h"
 #include "frame_source.h"
+#include "gre.h"
+#include "overlays.h"
 #include "ports.h"
 #include "tag.h"
 
@@ -36,14 +38,19 @@ registration &the_registration()
 
 void packet_ports_tick()
 {
+    static std::uint32_t seen_generation = 0;
+    static bool seen_gre = false;
     const interface_table *table = interfaces();
-    static std::uint32_t seen = 0;
     const std::uint32_t generation = table == nullptr ? 0 : table->generation.load(std::memory_order_acquire);
-    if (generation == seen)
+    if (table != nullptr && generation != seen_generation)
+        overlays_prune(*table);
+    const bool gre = overlays_use_gre();
+    if (generation == seen_generation && gre == seen_gre)
         return;
+    seen_generation = generation;
+    seen_gre = gre;
     registration &r = the_registration();
     const std::scoped_lock guard(r.mutex);
-    seen = generation;
     if (r.source != nullptr)
         r.source->wake();
 }
@@ -99,6 +106,7 @@ net_l2_handle net_l2_register(const net_l2_registration &wanted)
     r.source = std::move(source);
     r.queue = wanted.queue;
     r.handle = ++r.last_handle;
+    overlays_follow();
     net_monitor_start();
     return r.handle;
 }
@@ -119,10 +127,10 @@ int net_l2_send(net_l2_handle handle, const net_l2_header &header, const net_l2_
 {
     if (handle == 0)
         return refuse();
-    const std::uint32_t ifindex = switchport_ifindex(ntohl(request.iod_be));
-    if (ifindex == 0)
-        return refuse();
-    const daemon_frame frame{header.destination.data(), header.source.data(), ntohs(header.ethertype_be),
-                             payload, length};
-    return send_on_port(ifindex, frame);
+    const std::uint32_t iod = ntohl(request.iod_be), ifindex = switchport_ifindex(iod);
+    const daemon_frame frame{header.destination.data(), header.source.data(), ntohs(header.ethertype_be), payload, length};
+    if (ifindex != 0)
+        return send_on_port(ifindex, frame);
+    overlay_config overlay;
+    return overlay_get(iod, overlay) && overlay.gre ? gre_send(overlay, request, frame) : refuse();
 }

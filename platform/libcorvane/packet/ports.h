@@ -3,7 +3,7 @@
 
 namespace corvane {
 
-// Several times a second: wakes the receiver when the interface table has changed.
+// Several times a second: wakes the receiver when ports or the tunnel may have come or gone.
 void packet_ports_tick();
 
 } // namespace corvane

@@ -1,0 +1,103 @@
+// Frames of the daemon on their way out of real ports.
+#include "net_l2.h"
+
+#include "../core/link_output.h"
+#include "net_lab.h"
+
+#include <gmock/gmock.h>
+
+#include <arpa/inet.h>
+
+using namespace corvane;
+using namespace frames;
+using testing::ElementsAreArray;
+
+namespace {
+
+constexpr std::uint32_t PORT = 3, OTHER_PORT = 4;
+
+class PacketSend : public testing::Test {
+protected:
+    PacketSend()
+    {
+        interfaces_.set(PORT, "ps0", INTERFACE_UP | INTERFACE_SWITCHPORT);
+    }
+    static int send(std::uint32_t iod, const bytes &frame)
+    {
+        net_l2_header header;
+        std::copy_n(frame.begin(), 6, header.destination.begin());
+        std::copy_n(frame.begin() + 6, 6, header.source.begin());
+        header.ethertype_be = htons(get16(frame, 12));
+        net_l2_send_request request;
+        request.iod_be = htonl(iod);
+        return net_l2_send(1, header, request, frame.data() + 14, static_cast<std::uint16_t>(frame.size() - 14));
+    }
+    static std::uint64_t refused() { return lab::drops("site port refused the frame"); }
+
+    lab::interface_file interfaces_;
+    lab::veth port_{"ps0"};
+    lab::wire host_{"ps0p"};
+};
+
+const bytes PLAIN = ethernet(HOST_B, HOST_A, 0x88B5) + counting(46);
+
+} // namespace
+
+TEST_F(PacketSend, SendsFrameWhenTheBatchIsFlushed)
+{
+    EXPECT_EQ(send(PORT, PLAIN), 1);
+    EXPECT_FALSE(host_.receive(0));
+    link_output_flush();
+    const auto sent = host_.receive();
+    ASSERT_TRUE(sent);
+    EXPECT_THAT(sent->frame, ElementsAreArray(PLAIN));
+}
+
+TEST_F(PacketSend, SendsFullBatchByItself)
+{
+    for (std::uint32_t i = 0; i < LINK_BATCH; ++i)
+        EXPECT_EQ(send(PORT, PLAIN + be32(i)), 1);
+    for (std::uint32_t i = 0; i < LINK_BATCH; ++i) {
+        const auto sent = host_.receive();
+        ASSERT_TRUE(sent);
+        EXPECT_EQ(get32(sent->frame, PLAIN.size()), i);
+    }
+}
+
+TEST_F(PacketSend, TurnsTagsToTheirStandardForm)
+{
+    EXPECT_EQ(send(PORT, ethernet(HOST_B, HOST_A, 0x8100) + hex("2c61 88b5") + counting(46)), 1);
+    EXPECT_EQ(send(PORT, hex(HOST_B + HOST_A) + hex("0032 aaaa03000000 8100 2c61 88b5") + counting(46)), 1);
+    link_output_flush();
+    EXPECT_THAT(host_.receive()->frame, ElementsAreArray(ethernet(HOST_B, HOST_A, 0x8100) + hex("612c 88b5") + counting(46)));
+    EXPECT_THAT(host_.receive()->frame,
+                ElementsAreArray(hex(HOST_B + HOST_A) + hex("8100 612c 0036 aaaa03000000 88b5") + counting(46)));
+}
+
+TEST_F(PacketSend, CountsFrameThatThePortRefusesAndSendsTheOthers)
+{
+    const lab::veth other("ps1");
+    lab::wire other_host("ps1p");
+    interfaces_.set(OTHER_PORT, "ps1", INTERFACE_SWITCHPORT);
+    const std::uint64_t before = refused();
+    lab::run("ip link set ps1 down");
+    EXPECT_EQ(send(OTHER_PORT, PLAIN), 1);
+    EXPECT_EQ(send(PORT, PLAIN), 1);
+    EXPECT_EQ(send(PORT, PLAIN + counting(2000)), 1);           // above the port's MTU
+    EXPECT_EQ(send(PORT, PLAIN), 1);
+    link_output_flush();
+    EXPECT_TRUE(host_.receive());
+    EXPECT_TRUE(host_.receive());
+    EXPECT_EQ(refused(), before + 2);
+}
+
+TEST_F(PacketSend, RefusesWhatIsNoPortAndNoTag)
+{
+    const std::uint64_t before = refused();
+    EXPECT_EQ(send(99, PLAIN), 0);
+    EXPECT_EQ(send(100000, PLAIN), 0);
+    interfaces_.set(OTHER_PORT, "ps0", INTERFACE_UP);           // a device, but no switchport
+    EXPECT_EQ(send(OTHER_PORT, PLAIN), 0);
+    EXPECT_EQ(send(PORT, ethernet(HOST_B, HOST_A, 0x8100) + hex("0a")), 0);
+    EXPECT_EQ(refused(), before + 4);
+}
