@@ -55,6 +55,7 @@ struct command_request {
 running_ptr run_command(command_request request);
 // Carries out a line of the platform that is in the running configuration already. `text` gets what was printed.
 [[nodiscard]] int run_platform_again(const parsed_command &command, const std::string &interface, std::string &text);
+[[nodiscard]] bool platform_serves(const std::string &handler);
 [[nodiscard]] corvane::execute_record record_of(const parsed_command &command, const std::string &interface);
 // Why an accepted line could be refused now: an interface that it names, or whose mode it is of, is missing or down.
 [[nodiscard]] bool waits_for_interface(const parsed_command &command, const std::string &interface);

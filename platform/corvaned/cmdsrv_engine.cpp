@@ -152,6 +152,8 @@ void running_command::finish(int status, const std::string &why)
     call(status, why);
 }
 
+bool platform_serves(const std::string &handler) { return handlers().contains(handler); }
+
 corvane::execute_record record_of(const parsed_command &command, const std::string &interface)
 {
     corvane::execute_record record;

@@ -167,11 +167,16 @@ private:
 };
 
 // A line of the startup file: the platform's are carried out now, those of clients when these come.
-void take_startup_line(const file_line &line)
+void take_startup_line(const file_line &line, bool again)
 {
     auto &running = cmdsrv().running;
     const auto &command = *line.command.command;
     line_state state = line_state::UNTRIED;
+    if (command.client == "platform" && !platform_serves(command.handler) && !again) {
+        // Its service starts after this one: in the first turn of the loop it is there.
+        after(std::chrono::milliseconds(0), [line] { take_startup_line(line, true); });
+        return;
+    }
     if (command.client == "platform") {
         std::string text;
         const int status = run_platform_again(line.command, line.interface, text);
@@ -215,7 +220,7 @@ void load_startup()
         report_load_error("cannot read " + path + ": " + error);
         return;
     }
-    read_configuration(text, take_startup_line, [&path](std::uint32_t number, const std::string &what) {
+    read_configuration(text, [](const file_line &line) { take_startup_line(line, false); }, [&path](std::uint32_t number, const std::string &what) {
         report_load_error(path + ":" + std::to_string(number) + ": " + what);
     });
     log_line(5, "configuration " + path + ": " + std::to_string(cmdsrv().running.size()) + " lines, " +
