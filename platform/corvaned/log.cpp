@@ -95,7 +95,7 @@ int show_logging(command &cmd)
 
 int set_logging_level(command &cmd)
 {
-    const std::string *text = cmd.get("level");
+    const std::string *text = cmd.get("<level>");
     unsigned level = corvane::PLATFORM_LOG_LEVEL_DEFAULT;
     if (!cmd.no) {
         const auto result = text == nullptr ? std::from_chars_result{nullptr, std::errc::invalid_argument}

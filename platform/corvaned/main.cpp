@@ -89,6 +89,7 @@ void start_services()
     database_start();
     bus_start();
     drops_start();
+    svcmgr_serve();
     sdb_start();
     intfmgr_start();
     vlanmgr_start();

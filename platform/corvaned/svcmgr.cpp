@@ -397,6 +397,14 @@ void svcmgr_stop(std::function<void()> done)
     daemons_stop(std::move(done));
 }
 
+void svcmgr_serve()
+{
+    serve_methods();
+    serve_commands();
+    on_disconnect(client_gone);
+    bus_standby_test([](const peer &who) { return daemon_is_standby(who.pid); });
+}
+
 void svcmgr_start()
 {
     for (const known_service &s : always_hosted)
@@ -404,10 +412,6 @@ void svcmgr_start()
             service_hosted(s.number, s.name);
     state().services.try_emplace(corvane::SVC_LUM, service{"lum", false, 0});
     hold_down_ordered();
-    serve_methods();
-    serve_commands();
-    on_disconnect(client_gone);
-    bus_standby_test([](const peer &who) { return daemon_is_standby(who.pid); });
     daemons_start();
 }
 

@@ -18,6 +18,7 @@ bool svcmgr_tell(pid_t pid, std::uint32_t source_sap, std::uint32_t opcode, byte
 // The standing-by process is the active one now: its queues get their SAPs, its service is up.
 void promote_client(pid_t pid);
 void svcmgr_tell_all(std::uint32_t source_sap, std::uint32_t opcode, byte_view payload);
+void svcmgr_serve();                                 // methods and commands, before anything is configured
 void svcmgr_stop(std::function<void()> done);        // stops every daemon in order; `done` once they are gone
 
 // ---- svcmgr_daemon.cpp

@@ -3,6 +3,7 @@
 #include "svcmgr.h"
 
 #include "bus.h"
+#include "cmdsrv.h"
 #include "log.h"
 
 #include "../api/svcmgr.h"
@@ -34,6 +35,8 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds BACKOFF_FIRST{100}, BACKOFF_MAX{5000}, SETTLED{30'000}, STOP_PATIENCE{5000}, KILL_PATIENCE{2000},
     ADOPT_PATIENCE{5000}, HEARTBEAT_DEFAULT{5000}, HEARTBEAT_LEAST{2500}, HEARTBEAT_INTERVAL{1000};
+
+constexpr const char *CLIENT_NAME = "lum";          // under which it registers with the command server
 
 enum class life : std::uint8_t { NONE, RUNNING, STOPPING, WAITING };       // WAITING: to be started again
 
@@ -330,6 +333,8 @@ void start(daemon_process &d)
     }
     watch_output(d);
     remember(d);
+    if (!d.standby)
+        clients_set_active(CLIENT_NAME, d.pid);
     log_line(6, label(d) + " started");
 }
 
@@ -407,6 +412,7 @@ void take_over(daemon_process &dead, bool hot)
     next->sequence = ++the().sequence;
     log_line(5, label(*next) + " becomes active");
     promote_client(next->pid);
+    clients_set_active(CLIENT_NAME, next->pid);
     svcmgr_tell(next->pid, corvane::SVCMGR_SAP, corvane::SVCMGR_OPC_SWITCHOVER,
                 byte_writer().put(std::uint64_t{1}).put(std::uint32_t{hot}).put(0u).put(0u).put(std::uint32_t{mismatch}).view());
     dead.standby = true;
@@ -430,6 +436,8 @@ bool adopt(daemon_process &d)
         return false;
     }
     log_line(5, label(d) + " was running already and is kept");
+    if (!d.standby)
+        clients_set_active(CLIENT_NAME, pid);
     d.timer = after(ADOPT_PATIENCE, [&d] {
         d.timer = 0;
         log_line(3, label(d) + " does not come back: it is killed");
