@@ -3,6 +3,7 @@
 
 #include "ipv6.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -70,8 +71,9 @@ public:
     template <class T> bytes &add_host(const T &value)
     {
         static_assert(std::is_trivially_copyable_v<T>);
-        const auto *p = reinterpret_cast<const std::uint8_t *>(&value);
-        insert(end(), p, p + sizeof value);
+        const std::size_t before = size();
+        resize(before + sizeof value);
+        std::memcpy(data() + before, &value, sizeof value);
         return *this;
     }
     bytes &add_host16(std::uint16_t value) { return add_host(value); }
@@ -84,6 +86,13 @@ public:
         vector::at(offset) = static_cast<std::uint8_t>(value >> 8);
         vector::at(offset + 1) = static_cast<std::uint8_t>(value);
         return *this;
+    }
+
+    friend bool operator<(const bytes &a, const bytes &b)
+    {
+        const std::size_t common = std::min(a.size(), b.size());
+        const int order = common == 0 ? 0 : std::memcmp(a.data(), b.data(), common);
+        return order != 0 ? order < 0 : a.size() < b.size();
     }
 
 private:

@@ -50,7 +50,7 @@ template <class Record> std::vector<std::string> texts_of(const std::vector<Reco
 
 platform_object::platform_object() : state_(std::make_unique<state>())
 {
-    corvane::base_fault = refuse;
+    corvane::base_fault = [](const char *call) { return refuse(call); };
     survive_quit_signal();
     set_facility(true);
 }
@@ -79,10 +79,8 @@ void append_call(call_record record)
     platform.calls.push_back(std::move(record));
 }
 
-bool refuse(const char *name)
+bool refuse_now(const char *name)
 {
-    if (!recording())
-        return false;
     state &s = platform.impl();
     ++s.fallible;
     const bool any = counts_down(s.any);

@@ -17,10 +17,38 @@ struct alignas(std::max_align_t) block_header {
     std::size_t size;
     std::uint32_t module, type;
     std::uint64_t generation;
+    bool pooled;
 };
 
 std::array<memacct_usage, TYPES> usage{};
 std::uint64_t generation = 1;    // of blocks: one that outlives a reset is no longer counted when it is freed
+
+// While only counting, blocks of the frame path come from here, as they come from a pool on the real platform.
+constexpr std::size_t POOLED_SIZE = 4096, POOLED_BLOCKS = 16;
+struct block_pool {
+    std::array<void *, POOLED_BLOCKS> free{};
+    std::size_t count = 0;
+    ~block_pool()
+    {
+        while (count != 0)
+            std::free(free[--count]);
+    }
+};
+block_pool blocks;
+
+void *get_block(std::size_t size)
+{
+    const bool pooled = !recording() && size <= POOLED_SIZE;
+    return std::calloc(1, sizeof(block_header) + (pooled ? POOLED_SIZE : size));
+}
+
+void put_block(block_header *block)
+{
+    if (block->pooled && blocks.count < POOLED_BLOCKS)
+        blocks.free[blocks.count++] = block;
+    else
+        std::free(block);
+}
 
 struct buffer_pool {
     std::vector<mbuf *> free;
@@ -66,16 +94,23 @@ void memacct_ignore_alloc_abort(int ignore) { note("memacct_ignore_alloc_abort",
 
 void *memacct_alloc(std::uint32_t module, std::uint32_t type, std::size_t size)
 {
+    if (!recording() && size <= POOLED_SIZE && blocks.count != 0) {
+        auto *header = static_cast<block_header *>(blocks.free[--blocks.count]);
+        *header = {BLOCK_MARK, size, module, type, 0, true};     // of no generation: not counted
+        std::memset(header + 1, 0, size);
+        return header + 1;
+    }
     memacct_usage &of_type = usage.at(type);
     const bool over = of_type.cap_bytes != 0 && of_type.bytes + size > of_type.cap_bytes;
     if (refuse("memacct_alloc") || over) {
         ++of_type.refused;
         return nullptr;
     }
-    void *block = std::calloc(1, sizeof(block_header) + size);
+    void *block = get_block(size);
     if (block == nullptr)
         return nullptr;
-    *static_cast<block_header *>(block) = {BLOCK_MARK, size, module, type, generation};
+    *static_cast<block_header *>(block) = {BLOCK_MARK, size, module, type, generation,
+                                                  !recording() && size <= POOLED_SIZE};
     of_type.bytes += size;
     ++of_type.blocks;
     return static_cast<block_header *>(block) + 1;
@@ -93,7 +128,7 @@ void memacct_free(std::uint32_t module, std::uint32_t type, void *memory)
         --usage[type].blocks;
     }
     header->mark = 0;
-    std::free(header);
+    put_block(header);
 }
 
 memacct_usage memacct_usage_get(std::uint32_t type) { return usage.at(type); }

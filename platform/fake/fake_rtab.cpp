@@ -58,21 +58,23 @@ route_entry &entry(const rtab_mac_info &key)
     if (made == nullptr) {
         made = std::make_unique<route_entry>();
         made->view.key = key;
-        s().route_index[key_of(key)] = made.get();
+        made->key = key_of(key);
+        s().route_index.insert(made.get());
     }
     return *made;
 }
 
 route_entry *find(const rtab_mac_info &key)
 {
-    const auto found = s().route_index.find(key_of(key));
-    return found == s().route_index.end() ? nullptr : found->second;
+    const route_key wanted = key_of(key);
+    return s().route_index.find(&wanted);
 }
 
 void drop_entry(const rtab_mac_info &key)
 {
-    s().route_index.erase(key_of(key));
-    s().routes.erase(key_of(key));
+    const route_key gone = key_of(key);
+    s().route_index.erase(&gone);
+    s().routes.erase(gone);
 }
 
 void add_nexthop(rtab_route &view, const route_nexthop &nexthop)
@@ -292,10 +294,9 @@ void apply(const route_update &update)
 
 route_key key_of(const rtab_mac_info &info)
 {
-    route_key key = info.vlan & 0xFFFF;
-    for (const std::uint8_t byte : info.mac)
-        key = key << 8 | byte;
-    return key;
+    std::uint64_t mac = 0;
+    std::memcpy(&mac, info.mac.data(), info.mac.size());
+    return std::uint64_t{info.vlan & 0xFFFF} << 48 | __builtin_bswap64(mac) >> 16;
 }
 
 mroute_entry::mroute_entry() : oifs(bitfield_create({}, PORTS)) { view.oifs = oifs; }

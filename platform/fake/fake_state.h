@@ -3,13 +3,14 @@
 
 #include "fake.h"
 
+#include "../libcorvane/base/key_index.h"
+
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <optional>
 #include <pthread.h>
 #include <thread>
-#include <unordered_map>
 
 namespace fake {
 
@@ -54,6 +55,10 @@ struct route_entry {
     std::optional<route_nexthop> learnt;
     timestamp learnt_seen;
     rtab_route view;                                         // what lookups give
+    std::uint64_t key = 0;
+};
+struct route_entry_key {
+    const void *operator()(const route_entry *entry) const { return &entry->key; }
 };
 struct mroute_entry {
     std::map<std::pair<std::uint32_t, std::uint32_t>, std::set<std::uint32_t>> iods;      // by source and group
@@ -102,19 +107,23 @@ struct state {
     std::array<const interface_options *, 768> interface_by_iod{};
     // routes
     std::map<route_key, std::unique_ptr<route_entry>> routes;
-    std::unordered_map<route_key, route_entry *> route_index;
+    corvane::key_index<route_entry, route_entry_key, sizeof(route_key)> route_index{sizeof(route_key), route_entry_key{}};
     std::map<route_key, std::unique_ptr<mroute_entry>> mroutes;
     // sockets
     std::vector<socket_record> sockets;
     std::map<int, std::deque<bytes>> datagrams;              // by family
 };
 
-// True: the call named so must fail now; errno is set.
-[[nodiscard]] bool refuse(const char *name);
-
 [[nodiscard]] inline bool recording()
 {
     return !platform.counting_only;
+}
+
+// True: the call named so must fail now; errno is set.
+[[nodiscard]] bool refuse_now(const char *name);
+[[nodiscard]] inline bool refuse(const char *name)
+{
+    return recording() && refuse_now(name);
 }
 
 inline std::string argument_text(const char *value) { return value == nullptr ? "null" : value; }
