@@ -3,8 +3,10 @@
 #include "corvane_socket.h"
 
 #include "../plock_batch.h"
+#include "syslog_client.h"
 #include "udp_batch.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -144,6 +146,14 @@ ssize_t receive_whole(int socket, socket_state &state, void *buffer, size_t size
     return static_cast<ssize_t>(batch.take(static_cast<std::uint8_t *>(buffer), size, from, from_length));
 }
 
+std::uint16_t port_of(const sockaddr *address, socklen_t length)
+{
+    // It stands at the same place in both families.
+    sockaddr_in in{};
+    std::memcpy(&in, address, std::min<std::size_t>(length, sizeof in));
+    return ntohs(in.sin_port);
+}
+
 } // namespace
 
 int corvane_socket(int family, int type, int protocol)
@@ -165,7 +175,14 @@ int corvane_setsockopt(int socket, int level, int option, const void *value, soc
 
 int corvane_bind(int socket, const sockaddr *address, socklen_t length)
 {
-    return bind(socket, address, length);
+    const int result = bind(socket, address, length);
+    if (result != 0) {
+        // The daemon's own message names the socket; the one who has to free the port needs its number.
+        const int error = errno;
+        krel_syslog(3, "UDP port %u: %s", static_cast<unsigned>(port_of(address, length)), strerror(error));
+        errno = error;
+    }
+    return result;
 }
 
 int corvane_select(int count, fd_set *readable, fd_set *writable, fd_set *exceptional, timeval *timeout)
