@@ -67,18 +67,19 @@ class Host:
     def forget_neighbours(self, device="eth0"):
         self.ns.ip(f"neigh flush dev {device}")
 
-    def tcp(self, other, seconds=2, options=(), ipv6=False):
-        """A TCP transfer to another host; iperf3's own report."""
+    def tcp(self, other, seconds=2, size=None, options=(), ipv6=False):
+        """A TCP transfer to another host, of `seconds` or of `size` as iperf3 writes it; iperf3's own report."""
+        length = ("-n", size) if size else ("-t", seconds)
         address = other.ipv6 if ipv6 else other.ipv4
         server = other.ns.spawn("iperf3", "-s", "-1", "--forceflush", "-B", address, "-p", "5201",
                                 log=other.ns.lab.path / f"{other.name}-iperf3-{time.monotonic_ns()}.log")
         try:
             wait_until(lambda: "listening" in server.output() or not server.running, 5, f"{other.name}: iperf3")
-            done = self.ns.run("iperf3", "-J", "-c", address, "-p", "5201", "-t", seconds, "--connect-timeout", 5000,
-                               *options, timeout=seconds + 20, check=False)
+            done = self.ns.run("iperf3", "-J", "-c", address, "-p", "5201", *length, "--connect-timeout", 5000, *options,
+                               timeout=(seconds or 0) + 20, check=False)
         finally:
             server.stop()
-        report = json.loads(done.stdout or "{}")
+        report = json.loads(done.stdout) if done.stdout.startswith("{") else {}
         if done.returncode != 0 or "error" in report:
             raise LabError(f"TCP {self.name} to {other.name}: {report.get('error') or done.stderr or done.stdout}")
         return report

@@ -42,7 +42,8 @@ class Learning(TwoSites):
         self.addCleanup(edge.configure, f"interface {second.port}", "switchport access vlan 20", "lum vlan 20")
         with Sender(second.ns) as sender:
             sender.send(frames.ethernet(frames.BROADCAST, mover, 0x88B5, bytes(60)))
-        edge._wait(lambda: edge.routes().get(f"10/{mover}", rows) != rows, 17, "the route to the mover changes")
+        port = rows[0].split()[1:3]                          # "iod N"; behind it stands the route's age
+        edge._wait(lambda: edge.routes()[f"10/{mover}"][0].split()[1:3] != port, 17, "the route to the mover changes")
         with Capture(second.ns, "eth0") as capture, Sender(first.ns) as sender:
             sender.send(frames.ethernet(mover, first.mac, 0x88B5, bytes(60)))
         self.assertEqual(len([f for f in capture.frames(outgoing=False) if is_test_frame(f)]), 1)

@@ -29,13 +29,23 @@ class StartUp(unittest.TestCase):
         self.assertFalse(os.path.exists(f"/proc/{pid}"))
         self.assertIn("Shutting down LUM process", self.edge.output())
 
-    def test_a_second_start_on_the_same_state_needs_no_startup_file(self):
+    def test_what_is_written_is_there_at_the_next_start(self):
         self.edge.start()
+        self.edge.configure("interface Overlay1", "lum vpn-name red", "end", "write")
+        self.assertEqual(self.edge.stop(), 0)
+        self.edge.start_with(["--config", self.edge.config_file])
         self.edge.wait_overlay("UP")
-        self.edge.corvsh("write")
+        self.assertEqual(self.edge.overlay()["VPN Name"], "red")
+
+    def test_an_edge_needs_no_startup_file(self):
+        self.edge.start_with([])
+        self.edge.configure("interface Overlay1", "lum vpn-name red", "lum vpn-ext-if eth0",
+                            f"lum vpn-mgroup-addr {self.top.group}", "end", "write")
+        self.edge.wait_overlay("UP")
         self.assertEqual(self.edge.stop(), 0)
         self.edge.start_with([])
         self.edge.wait_overlay("UP")
+        self.assertEqual(self.edge.overlay()["VPN Name"], "red")
 
     def test_configuration_works_in_any_order(self):
         blocks, block = [], []

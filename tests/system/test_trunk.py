@@ -73,13 +73,6 @@ class Trunks(TwoSites):
         packet, = (p for p in core.overlay(outgoing=False) if p.inner.ethertype == 0x88B5)
         self.assertEqual(packet.inner.tag, (5 << 13 | 300).to_bytes(2, "little"))
 
-    def test_kernel_vlan_devices_of_two_hosts_reach_each_other(self):
-        for host, address in ((self.one, "10.9.0.1"), (self.other, "10.9.0.2")):
-            host.ns.ip("link add link eth0 name eth0.300 type vlan id 300", f"addr add {address}/24 dev eth0.300",
-                       "link set eth0.300 up")
-            self.addCleanup(host.ns.ip, "link del eth0.300")
-        self.assertEqual(self.one.ping("10.9.0.2", count=5), 5)
-
 
 if __name__ == "__main__":
     unittest.main()
