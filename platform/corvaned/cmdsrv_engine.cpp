@@ -22,15 +22,32 @@ std::unordered_map<std::string, platform_handler> &handlers()
 std::uint64_t last_request = 0;
 
 
-// The lines of the store that a `no` command is about and that are not in effect.
+parse_context context_of(const std::string &interface)
+{
+    return {&cmdsrv().commands, mode_of_interface(interface), false, false, nullptr};
+}
+
+// Everything that the `no` line names stands in the line as well.
+bool names_line(const argument_list &named, const config_line &line)
+{
+    const auto parsed = parse(context_of(line.interface), line.full());
+    return !parsed.error && std::ranges::all_of(named, [&](const auto &n) {
+        return std::ranges::find(parsed.command.arguments, n) != parsed.command.arguments.end();
+    });
+}
+
+// A `no` command about lines that are not in effect: whatever their client says of it, they can be given up.
 bool only_waiting(const command_request &request)
 {
+    if (!request.command.no)
+        return false;
     const auto effect = config_store::effect_of(request.command);
     bool waiting = false;
     cmdsrv().running.each_of(request.interface, [&](const config_line &line) {
-        waiting = waiting || (line.key == effect.key && line.state != line_state::ACTIVE);
+        waiting = waiting || (line.key == effect.key && line.state != line_state::ACTIVE &&
+                              names_line(request.command.arguments, line));
     });
-    return request.command.no && waiting;
+    return waiting;
 }
 
 void keep(const command_request &request)
@@ -77,12 +94,11 @@ void run_one(const std::shared_ptr<command_request> &request, const running_ptr 
     running->output = request->output;
     running->done = [request](int status, const std::string &why) {
         const bool rejected = status != corvane::STATUS_DONE && status != corvane::STATUS_STOPPED;
-        if (!rejected || only_waiting(*request)) {
+        const bool given_up = rejected && only_waiting(*request);
+        if (!rejected || given_up)
             keep(*request);
-            status = rejected ? corvane::STATUS_DONE : status;
-        }
         if (!std::exchange(request->told, true))
-            request->done(status, why);
+            request->done(given_up ? corvane::STATUS_DONE : status, given_up ? "" : why);
     };
     if (request->limited)
         running->expired = [request](const std::string &text) {
@@ -118,7 +134,7 @@ void withdraw(std::vector<std::uint64_t> ids, std::function<void()> go_on)
         return;
     }
     const std::uint64_t id = line->id;
-    auto parsed = parse({&cmdsrv().commands, mode_of_interface(line->interface), false, false, nullptr}, taken_back(*line));
+    auto parsed = parse(context_of(line->interface), taken_back(*line));
     const auto next = [id, rest = std::move(ids), then = std::move(go_on)](int, const std::string &) {
         cmdsrv().running.remove(id);                         // also when its client is gone
         withdraw(rest, then);

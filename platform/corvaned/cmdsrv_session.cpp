@@ -151,7 +151,7 @@ void command_done(session &s, int status, const std::string &why)
 {
     const bool failed = status != corvane::STATUS_DONE && status != corvane::STATUS_STOPPED;
     send_output(s, failed ? corvane::SHELL_STREAM_ERROR : corvane::SHELL_STREAM_OUT, s.held);
-    if (s.filter && !s.muted)
+    if (s.filter && !s.muted && !failed)
         s.filter->end();
     if (!why.empty())
         send_output(s, corvane::SHELL_STREAM_ERROR, why + "\n");
