@@ -162,6 +162,7 @@ std::vector<std::string> log_recent(std::size_t lines)
 
 void log_start()
 {
+    (void)platform();               // makes the page that holds the level
     serve_method(corvane::LOG_LINE, handle_line);
     serve_command("show_logging", show_logging);
     serve_command("logging_level", set_logging_level);

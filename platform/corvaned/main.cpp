@@ -13,7 +13,6 @@
 #include <cstring>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
-#include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
@@ -109,7 +108,6 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "corvaned: %s\n%s", error.c_str(), options_usage());
         return EXIT_USAGE;
     }
-    umask(027);
     if (!root_prepare(error))
         return fail(error);
     if (!log_open())

@@ -173,7 +173,7 @@ bool bus_client::read_one()
     std::memcpy(&f.header, packet.data(), sizeof f.header);
     f.body.assign(packet.begin() + sizeof f.header, packet.end());
     if (f.header.kind != corvane::FRAME_DELIVER) {
-        frames_.push_back(std::move(f));
+        (f.header.kind == corvane::FRAME_EVENT ? events_ : frames_).push_back(std::move(f));
         return true;
     }
     delivered d;
@@ -193,6 +193,14 @@ std::optional<frame> bus_client::next()
     frame f = std::move(frames_.front());
     frames_.erase(frames_.begin());
     return f;
+}
+
+std::vector<frame> bus_client::events()
+{
+    platform_process::turns();
+    while (read_one()) {
+    }
+    return std::exchange(events_, {});
 }
 
 std::vector<delivered> bus_client::deliveries()

@@ -61,7 +61,8 @@ public:
     int send_message(std::uint32_t queue, std::uint32_t sap, std::uint32_t opcode, byte_view payload = {});
     int notify(std::uint32_t queue, std::uint32_t opcode, byte_view payload = {});
 
-    std::optional<frame> next();                     // what has arrived and is not a delivery
+    std::optional<frame> next();                     // the next reply that has arrived
+    std::vector<frame> events();                     // everything that came by itself up to now, once
     std::vector<delivered> deliveries();             // everything delivered up to now, once
     [[nodiscard]] bool closed();                     // corvaned has closed the connection
 
@@ -71,7 +72,7 @@ private:
     int fd_ = -1;
     std::uint64_t last_id_ = 0;
     bool closed_ = false;
-    std::vector<frame> frames_;
+    std::vector<frame> frames_, events_;
     std::vector<delivered> deliveries_;
 };
 
