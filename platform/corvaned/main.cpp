@@ -1,5 +1,6 @@
 // The platform process: one a machine (or a root). Runs in the foreground until SIGTERM or SIGINT, then stops the
 // daemon in order.
+#include "attendants.h"
 #include "database.h"
 #include "log.h"
 #include "loop.h"
@@ -96,6 +97,7 @@ void start_services()
     ipmgr_start();
     rtab_start();
     cmdsrv_start();
+    attendants_start();
     svcmgr_start();
 }
 

@@ -13,7 +13,8 @@ inline constexpr std::uint32_t
     BUS_UNBIND = method(METHOD_BUS, 2),     // u32 queue
     BUS_OPTION = method(METHOD_BUS, 3),     // u32 queue, opcode, option
     BUS_SEND = method(METHOD_BUS, 4),       // u32 queue, node, sap, opcode, sync event, want ack; the rest is payload
-    BUS_CONSUMED = method(METHOD_BUS, 5);   // one way: u32 queue, count: messages that were received
+    BUS_CONSUMED = method(METHOD_BUS, 5),   // one way: u32 queue, count: messages that were received
+    BUS_SUBSCRIBERS = method(METHOD_BUS, 6);    // u32 opcode -> u32 count of queues that subscribed to it by number
 
 struct delivery_header {
     std::uint32_t source_node = 0, source_sap = 0, opcode = 0, sync_event = 0, want_ack = 0, reserved = 0;
