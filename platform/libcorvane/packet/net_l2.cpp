@@ -7,13 +7,14 @@
 #include "frame_source.h"
 #include "gre.h"
 #include "overlays.h"
+#include "port_vlans.h"
 #include "ports.h"
 #include "tag.h"
 
 #include "drops.h"
 
 #include <arpa/inet.h>
-#include <cstring>
+#include <array>
 #include <memory>
 #include <mutex>
 
@@ -66,23 +67,49 @@ std::uint32_t switchport_ifindex(std::uint32_t iod)
     return table->slot[iod].ifindex.load(std::memory_order_acquire);
 }
 
-int refuse()
+int refuse()                                   // 0 for "not sent"
 {
     drop_count(drop_reason::L2_SEND_FAILED);
     return 0;
 }
 
+// The frame as on the wire, with room for a tag more; null: counted.
+mbuf *wire_frame(const daemon_frame &frame)
+{
+    mbuf *m = packet_buffer_get(static_cast<std::uint32_t>(frame.length + ETHERNET_HEADER + VLAN_TAG));
+    if (m == nullptr) {
+        refuse();
+        return nullptr;
+    }
+    m->length = static_cast<std::uint32_t>(tag_to_wire(frame, packet_start(m)));
+    if (m->length != 0)
+        return m;
+    m_freem(m);
+    refuse();
+    return nullptr;
+}
+
 int send_on_port(std::uint32_t ifindex, const daemon_frame &frame)
 {
-    mbuf *m = packet_buffer_get(static_cast<std::uint32_t>(frame.length + ETHERNET_HEADER));
-    if (m == nullptr)
-        return refuse();
-    m->length = static_cast<std::uint32_t>(tag_to_wire(frame, packet_start(m)));
-    if (m->length == 0) {
-        m_freem(m);
-        return refuse();
+    mbuf *m = wire_frame(frame);
+    return m != nullptr && link_output(m, {ifindex, 0}) ? 1 : 0;
+}
+
+// To every port of the VLAN, on each with or without its tag as the port has it.
+int flood(std::uint16_t vlan, const daemon_frame &frame)
+{
+    std::array<std::uint32_t, INTFMGR_IOD_MAX> ports;
+    const std::size_t count = ports_of_vlan(vlan, ports);
+    int sent = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::uint32_t ifindex = switchport_ifindex(ports[i]);
+        mbuf *m = ifindex == 0 ? nullptr : wire_frame(frame);
+        if (m == nullptr)
+            continue;
+        m->length = static_cast<std::uint32_t>(tag_on_wire(packet_start(m), m->length, port_tags_vlan(ports[i], vlan), vlan));
+        sent |= link_output(m, {ifindex, 0}) ? 1 : 0;
     }
-    return link_output(m, {ifindex, 0, drop_reason::L2_SEND_FAILED, drop_reason::L2_SEND_FAILED}) ? 1 : 0;
+    return sent;
 }
 
 } // namespace
@@ -127,8 +154,10 @@ int net_l2_send(net_l2_handle handle, const net_l2_header &header, const net_l2_
 {
     if (handle == 0)
         return refuse();
-    const std::uint32_t iod = ntohl(request.iod_be), ifindex = switchport_ifindex(iod);
     const daemon_frame frame{header.destination.data(), header.source.data(), ntohs(header.ethertype_be), payload, length};
+    if (request.flood != 0)
+        return flood(ntohs(header.vlan_be), frame);
+    const std::uint32_t iod = ntohl(request.iod_be), ifindex = switchport_ifindex(iod);
     if (ifindex != 0)
         return send_on_port(ifindex, frame);
     overlay_config overlay;

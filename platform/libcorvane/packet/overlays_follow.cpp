@@ -1,13 +1,16 @@
-// Follows the overlays over the bus and the database, on a queue and a thread of its own.
+// Follows the overlays over the bus and the database, and the VLANs of the ports, on a queue and a thread of its own.
 #include "overlays.h"
+#include "port_vlans.h"
 
 #include "../client.h"
 
 #include "corvane_thread.h"
+#include "intfmgr.h"
 #include "mbus.h"
 #include "sdb.h"
 
 #include <arpa/inet.h>
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <mutex>
@@ -112,6 +115,23 @@ void take_vlans(record_view payload)
     }
 }
 
+void take(const mbus_msg &msg, record_view payload)
+{
+    switch (mbus_opc_get(msg)) {
+    case OPCODE_PARAMETERS:
+        take_parameters(payload);
+        break;
+    case OPCODE_VLANS:
+        take_vlans(payload);
+        break;
+    case INTFMGR_OPC_L2_STATE:
+        port_vlans_take(msg);
+        break;
+    default:
+        break;
+    }
+}
+
 std::atomic<mbus_q> queue{MBUS_Q_INVALID};
 std::atomic<bool> missed{false};               // the bus was away: the records say what notifications did not
 
@@ -127,10 +147,8 @@ void *follow(void *)
             return nullptr;
         std::size_t length = 0;
         const std::uint8_t *data = mbus_payload_get(msg, &length);
-        if (data != nullptr && mbus_opc_get(msg) == OPCODE_PARAMETERS)
-            take_parameters({data, length});
-        else if (data != nullptr && mbus_opc_get(msg) == OPCODE_VLANS)
-            take_vlans({data, length});
+        if (data != nullptr)
+            take(msg, {data, length});
         (void)mbus_drop(queue, msg);
     }
 }
@@ -141,11 +159,11 @@ bool start()
     if (bound == MBUS_Q_INVALID)
         return false;
     queue = bound;
-    if (mbus_options_set(bound, OPCODE_PARAMETERS, OPTION_SUBSCRIBE) != 0 ||
-        mbus_options_set(bound, OPCODE_VLANS, OPTION_SUBSCRIBE) != 0) {
-        (void)mbus_unbind(bound, 0);
-        return false;
-    }
+    for (const std::uint32_t opcode : {OPCODE_PARAMETERS, OPCODE_VLANS, INTFMGR_OPC_L2_STATE})
+        if (mbus_options_set(bound, opcode, OPTION_SUBSCRIBE) != 0) {
+            (void)mbus_unbind(bound, 0);
+            return false;
+        }
     missed = true;
     pthread_t thread{};
     if (corvane_pthread_create(thread, nullptr, follow, nullptr, "corvane-l2") != 0)

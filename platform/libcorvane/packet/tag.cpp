@@ -144,6 +144,28 @@ std::size_t tag_to_wire(const daemon_frame &frame, std::uint8_t *out)
     return ETHERNET_HEADER + frame.length;
 }
 
+std::size_t tag_on_wire(std::uint8_t *frame, std::size_t length, bool tagged, std::uint16_t vlan)
+{
+    std::uint8_t *at = frame + MAC_PAIR;
+    std::uint8_t *behind = at + VLAN_TAG;
+    const bool has_tag = length >= ETHERNET_HEADER + VLAN_TAG && get_be16(at) == TYPE_VLAN;
+    if (has_tag && !tagged) {
+        std::memmove(at, behind, length - MAC_PAIR - VLAN_TAG);
+        return length - VLAN_TAG;
+    }
+    if (!tagged)
+        return length;
+    if (!has_tag) {
+        std::memmove(behind, at, length - MAC_PAIR);
+        put_be16(at, TYPE_VLAN);
+        put_be16(at + 2, vlan & VLAN_MASK);
+        return length + VLAN_TAG;
+    }
+    const std::uint16_t priority = get_be16(at + 2) & static_cast<std::uint16_t>(~VLAN_MASK);
+    put_be16(at + 2, static_cast<std::uint16_t>(priority | (vlan & VLAN_MASK)));
+    return length;
+}
+
 bool is_link_local(const std::uint8_t *frame, std::size_t length)
 {
     static constexpr std::uint8_t BRIDGE_GROUP[5] = {0x01, 0x80, 0xC2, 0x00, 0x00};

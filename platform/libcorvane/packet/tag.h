@@ -42,6 +42,10 @@ struct daemon_frame {
 };
 [[nodiscard]] std::size_t tag_to_wire(const daemon_frame &frame, std::uint8_t *out);
 
+// Gives a frame on its way to the wire the outer tag it has to leave with, or none: `tagged` with VLAN `vlan`, the
+// priority it had kept. The buffer holds VLAN_TAG bytes more than the frame. Result: the new length.
+[[nodiscard]] std::size_t tag_on_wire(std::uint8_t *frame, std::size_t length, bool tagged, std::uint16_t vlan);
+
 // A destination that bridges do not forward (01-80-C2-00-00-00 to -0F), or IS-IS (LLC FE-FE). `length` is at least
 // ETHERNET_HEADER; a tag in the frame is looked behind.
 [[nodiscard]] bool is_link_local(const std::uint8_t *frame, std::size_t length);

@@ -4,6 +4,7 @@
 
 #include "../core/link_output.h"
 #include "../core/neighbour.h"
+#include "../packet/port_vlans.h"
 #include "ip.h"
 #include "ipv6.h"
 #include "net_lab.h"
@@ -363,15 +364,59 @@ TEST_F(CoreOutput, FragmentsIpv6AndSendsGroups)
     EXPECT_THAT(joined, ElementsAreArray(bytes(packet.begin() + 40, packet.end())));
 }
 
+namespace {
+
+const bytes HELLO = hex("45c0001c 00000000 01670000 00000000 e000000d 2000dfff 00000000");
+
+int send_hello(std::uint32_t vlan, std::uint32_t iod, std::uint32_t flood)
+{
+    mbuf *m = buffer(HELLO);
+    const int result = ip_cl_output_l2(m, vlan, iod, flood, 0, 0);
+    link_output_flush();
+    EXPECT_EQ(bytes(m_data(m), m_data(m) + m_length(m)), HELLO);         // the caller keeps it
+    m_freem(m);
+    return result;
+}
+const auto is_hello = [](const bytes &f) { return f.size() > 30 && (get16(f, 12) == 0x0800 || get16(f, 16) == 0x0800); };
+
+} // namespace
+
 TEST_F(CoreOutput, SendsHelloOutOfASwitchport)
 {
     interfaces_.set(IOD, "cq0", INTERFACE_UP | INTERFACE_SWITCHPORT);
-    const bytes hello = hex("45c0001c 00000000 01670000 00000000 e000000d 2000dfff 00000000");
-    mbuf *m = buffer(hello);
-    EXPECT_EQ(ip_cl_output_l2(m, 10, IOD, 0, 0, 0), 0);
-    link_output_flush();
-    m_freem(m);
-    const auto sent = far_.receive_if([](const bytes &f) { return get16(f, 12) == 0x0800; });
+    EXPECT_EQ(send_hello(10, IOD, 0), 0);
+    const auto sent = far_.receive_if(is_hello);
     ASSERT_TRUE(sent);
-    EXPECT_THAT(sent->frame, ElementsAreArray(hex("01005e00000d") + lab::mac_of("cq0") + hex("0800") + hello));
+    EXPECT_THAT(sent->frame, ElementsAreArray(hex("01005e00000d") + lab::mac_of("cq0") + hex("0800") + HELLO));
+}
+
+TEST_F(CoreOutput, TagsHelloOnATrunkAndFloodsItOnThePortsOfTheVlan)
+{
+    const lab::veth other("cq1"), blocked("cq2");
+    lab::wire other_far("cq1p"), blocked_far("cq2p");
+    interfaces_.set(IOD, "cq0", INTERFACE_UP | INTERFACE_SWITCHPORT);
+    interfaces_.set(IOD + 1, "cq1", INTERFACE_UP | INTERFACE_SWITCHPORT);
+    interfaces_.set(IOD + 2, "cq2", INTERFACE_UP | INTERFACE_SWITCHPORT);
+    const std::uint16_t vlans[] = {10, 300};
+    port_vlans_set(IOD, true, true, vlans, {});
+    port_vlans_set(IOD + 1, false, true, std::span(vlans).first(1), {});
+    port_vlans_set(IOD + 2, false, false, std::span(vlans).first(1), {});
+
+    EXPECT_EQ(send_hello(300, IOD, 0), 0);
+    auto sent = far_.receive_if(is_hello);
+    ASSERT_TRUE(sent);
+    EXPECT_THAT(sent->frame, ElementsAreArray(hex("01005e00000d") + lab::mac_of("cq0") + hex("8100 012c 0800") + HELLO));
+
+    EXPECT_EQ(send_hello(10, 0, 1), 0);
+    sent = far_.receive_if(is_hello);
+    ASSERT_TRUE(sent);
+    EXPECT_EQ(get16(sent->frame, 14), 10);
+    sent = other_far.receive_if(is_hello);
+    ASSERT_TRUE(sent);
+    EXPECT_EQ(get16(sent->frame, 12), 0x0800);
+    EXPECT_FALSE(blocked_far.receive_if(is_hello, 0));
+
+    for (std::uint32_t i = 0; i < 3; ++i)
+        port_vlans_set(IOD + i, false, false, {}, vlans);
+    EXPECT_EQ(send_hello(10, 0, 1), -1);
 }

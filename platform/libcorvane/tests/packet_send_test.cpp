@@ -2,6 +2,7 @@
 #include "net_l2.h"
 
 #include "../core/link_output.h"
+#include "../packet/port_vlans.h"
 #include "net_lab.h"
 
 #include <gmock/gmock.h>
@@ -100,4 +101,32 @@ TEST_F(PacketSend, RefusesWhatIsNoPortAndNoTag)
     EXPECT_EQ(send(OTHER_PORT, PLAIN), 0);
     EXPECT_EQ(send(PORT, ethernet(HOST_B, HOST_A, 0x8100) + hex("0a")), 0);
     EXPECT_EQ(refused(), before + 4);
+}
+
+TEST_F(PacketSend, FloodsOnThePortsOfTheVlanTaggedWhereTheyTag)
+{
+    const lab::veth trunk("ps1");
+    lab::wire trunk_host("ps1p");
+    interfaces_.set(OTHER_PORT, "ps1", INTERFACE_SWITCHPORT);
+    const std::uint16_t vlan[] = {300};
+    port_vlans_set(PORT, false, true, vlan, {});
+    port_vlans_set(OTHER_PORT, true, true, vlan, {});
+    net_l2_header header;
+    std::copy_n(PLAIN.begin(), 6, header.destination.begin());
+    std::copy_n(PLAIN.begin() + 6, 6, header.source.begin());
+    header.vlan_be = htons(300);
+    header.ethertype_be = htons(0x8100);
+    net_l2_send_request request;
+    request.flood = 1;
+    const bytes tagged = hex("2c61 88b5") + counting(46);
+    EXPECT_EQ(net_l2_send(1, header, request, tagged.data(), static_cast<std::uint16_t>(tagged.size())), 1);
+    link_output_flush();
+    const auto plain = host_.receive(), with_tag = trunk_host.receive();
+    ASSERT_TRUE(plain && with_tag);
+    EXPECT_THAT(plain->frame, ElementsAreArray(PLAIN));
+    EXPECT_THAT(with_tag->frame, ElementsAreArray(ethernet(HOST_B, HOST_A, 0x8100) + hex("612c 88b5") + counting(46)));
+
+    port_vlans_set(PORT, false, true, {}, vlan);
+    port_vlans_set(OTHER_PORT, true, true, {}, vlan);
+    EXPECT_EQ(net_l2_send(1, header, request, tagged.data(), static_cast<std::uint16_t>(tagged.size())), 0);
 }

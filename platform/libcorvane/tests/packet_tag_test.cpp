@@ -190,3 +190,19 @@ TEST(LinkLocal, IsBridgeGroupAddressesAndIsIs)
     EXPECT_FALSE(local(hex(HOST_A + HOST_B) + hex("0003 fe")));
     EXPECT_FALSE(local(hex(HOST_A + HOST_B) + hex("8100")));
 }
+
+TEST(TagOnWire, PutsTakesOrReplacesTheOuterTag)
+{
+    const auto with = [](bytes frame, bool tagged, std::uint16_t vlan) {
+        const std::size_t length = frame.size();
+        frame.resize(length + VLAN_TAG);
+        frame.resize(tag_on_wire(frame.data(), length, tagged, vlan));
+        return frame;
+    };
+    const bytes plain = MACS + hex("0800") + PAYLOAD, tagged = MACS + hex("8100 a00a 0800") + PAYLOAD;
+    EXPECT_THAT(with(plain, false, 10), ElementsAreArray(plain));
+    EXPECT_THAT(with(plain, true, 300), ElementsAreArray(MACS + hex("8100 012c 0800") + PAYLOAD));
+    EXPECT_THAT(with(tagged, false, 10), ElementsAreArray(plain));
+    EXPECT_THAT(with(tagged, true, 300), ElementsAreArray(MACS + hex("8100 a12c 0800") + PAYLOAD));
+    EXPECT_THAT(with(MACS + hex("8100 a00a"), false, 10), ElementsAreArray(MACS + hex("8100 a00a")));
+}
