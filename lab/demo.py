@@ -216,6 +216,9 @@ def main():
     if "--down" in sys.argv[1:]:
         return down()
     options = arguments()
+    if options.keep and (LAB_DIR / KEPT).exists():
+        print("A demo is still there: ./demo shell edge1 enters it, ./demo --down removes it")
+        return 1
     signals_raise()
     began = time.monotonic()
     try:
