@@ -1,8 +1,6 @@
 // The command server: its start, and the platform commands that are about the configuration itself.
 #include "cmdsrv.h"
 
-#include "intfmgr.h"
-
 #include "../libcorvane/base/cli_value.h"
 
 #include <algorithm>
@@ -60,14 +58,14 @@ void read_grammars()
 bool known_interface(value_type type, const std::string &name)
 {
     const bool interface = type == value_type::INTERFACE || type == value_type::OVERLAY;
-    return interface && intfmgr_find(name) != 0;
+    return interface && cmdsrv().interfaces.find(name) != 0;
 }
 
 std::vector<std::pair<std::string, std::string>> interfaces_as_values(value_type type)
 {
     const bool overlays_only = type == value_type::OVERLAY || type == value_type::OVERLAY_NUMBER;
     std::vector<std::pair<std::string, std::string>> values;
-    for (const auto &i : intfmgr_list()) {
+    for (const auto &i : cmdsrv().interfaces.list()) {
         const char *kind = i.overlay ? "overlay, " : i.switchport ? "switchport, " : "";
         if (i.overlay || !overlays_only)
             values.emplace_back(i.name, std::string(kind) + (i.up ? "up" : "down"));
@@ -162,15 +160,21 @@ mode mode_of_interface(const std::string &interface)
     return overlay ? mode::OVERLAY : mode::DEVICE;
 }
 
-void cmdsrv_start()
+void cmdsrv_serve()
 {
-    service_hosted(SERVICE_NUMBER, "cmdsrv");
-    read_grammars();
     cmdsrv().live = {known_interface, live_list};
     serve_command("show_running_config", show_running_config);
     serve_command("show_configuration_errors", show_configuration_errors);
     serve_command("write", write_configuration);
-    replay_start();
+}
+
+void cmdsrv_start()
+{
+    service_hosted(SERVICE_NUMBER, "cmdsrv");
+    read_grammars();
+    cmdsrv_serve();
+    on_interface_up(replay_interface_up);
+    on_interface_created(replay_interface_created);
     load_startup();
     clients_start();
     sessions_start();

@@ -3,13 +3,21 @@
 
 #include "cmdsrv_store.h"
 #include "corvaned.h"
+#include "intfmgr.h"
 
 #include <deque>
 
 namespace corvaned {
 
 // ---- state (cmdsrv.cpp)
+struct interface_view {                              // what is asked of the interface manager
+    std::function<std::uint32_t(const std::string &name)> find = intfmgr_find;
+    std::function<std::string(std::uint32_t iod)> name = intfmgr_name;
+    std::function<bool(std::uint32_t iod)> up = intfmgr_up;
+    std::function<std::vector<interface_info>()> list = intfmgr_list;
+};
 struct command_server {
+    interface_view interfaces;
     grammar commands;
     config_store running;
     live_values live;
@@ -17,6 +25,7 @@ struct command_server {
     std::size_t load_error_count = 0;
 };
 [[nodiscard]] command_server &cmdsrv();
+void cmdsrv_serve();                                 // the commands that are about the configuration itself
 void report_load_error(const std::string &text);     // logged, and kept for `show configuration-errors`
 [[nodiscard]] mode mode_of_interface(const std::string &interface);      // "" = CONFIGURE
 
@@ -77,7 +86,11 @@ struct applied_line {
 void replay_all(const std::string &client, const std::vector<applied_line> &applied);
 void replay_interface(const std::string &client, std::uint32_t iod, std::uint64_t during);
 void replay_forget(const std::string &client);       // it went away
-void replay_start();                                 // follows the interfaces
+// A configuring command is on its way to the client, or was answered: between the two no line is replayed, since it
+// could be the one that the command replaces.
+void replay_hold(const std::string &client, bool on);
+void replay_interface_up(const interface_info &interface);           // lines that wait for it are offered again
+void replay_interface_created(const interface_info &interface);      // it knows nothing of what is configured on it
 
 // ---- files (cmdsrv_file.cpp)
 // Reads the lines of a configuration file. Each that parses is handed to `take` with its interface; the others are

@@ -2,8 +2,6 @@
 // accepted goes into the running configuration.
 #include "cmdsrv.h"
 
-#include "intfmgr.h"
-
 #include <algorithm>
 #include <utility>
 
@@ -92,13 +90,19 @@ void run_one(const std::shared_ptr<command_request> &request, const running_ptr 
 {
     running->record = record_of(request->command, request->interface);
     running->output = request->output;
-    running->done = [request](int status, const std::string &why) {
+    const std::string &client = request->command.command->client;
+    const bool holds = client != "platform" && request->command.command->configures();
+    if (holds)
+        replay_hold(client, true);
+    running->done = [request, holds](int status, const std::string &why) {
         const bool rejected = status != corvane::STATUS_DONE && status != corvane::STATUS_STOPPED;
         const bool given_up = rejected && only_waiting(*request);
         if (!rejected || given_up)
             keep(*request);
         if (!std::exchange(request->told, true))
             request->done(given_up ? corvane::STATUS_DONE : status, given_up ? "" : why);
+        if (holds)
+            replay_hold(request->command.command->client, false);
     };
     if (request->limited)
         running->expired = [request](const std::string &text) {
@@ -111,10 +115,10 @@ void run_one(const std::shared_ptr<command_request> &request, const running_ptr 
         running->finish(corvane::STATUS_DONE);               // nothing to take it back from
     } else if (missing) {
         running->finish(corvane::STATUS_REJECTED, "no such interface: " + request->interface);
-    } else if (request->command.command->client == "platform") {
+    } else if (client == "platform") {
         const int status = run_platform(running->record, running->output, why);
         running->finish(status, why);
-    } else if (!client_submit(request->command.command->client, running, why)) {
+    } else if (!client_submit(client, running, why)) {
         running->finish(corvane::STATUS_REJECTED, why);
     }
 }
@@ -178,7 +182,7 @@ corvane::execute_record record_of(const parsed_command &command, const std::stri
     record.handler = command.command->handler;
     record.no = command.no;
     record.interface = interface;
-    record.mode_iod = interface.empty() ? 0 : intfmgr_find(interface);
+    record.mode_iod = interface.empty() ? 0 : cmdsrv().interfaces.find(interface);
     record.change = effect.change;
     record.key = command.command->keep != keep_rule::ONCE && command.command->undo_by_text ? "" : effect.key;
     record.line = effect.line;
@@ -215,8 +219,8 @@ running_ptr run_command(command_request request)
 bool waits_for_interface(const parsed_command &command, const std::string &interface)
 {
     const auto down = [](const std::string &name) {
-        const std::uint32_t iod = intfmgr_find(name);
-        return iod == 0 || !intfmgr_up(iod);
+        const std::uint32_t iod = cmdsrv().interfaces.find(name);
+        return iod == 0 || !cmdsrv().interfaces.up(iod);
     };
     return (!interface.empty() && down(interface)) || std::ranges::any_of(command.interfaces, down);
 }

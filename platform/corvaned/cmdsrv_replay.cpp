@@ -3,8 +3,6 @@
 // enter go between them.
 #include "cmdsrv.h"
 
-#include "intfmgr.h"
-
 #include <algorithm>
 #include <set>
 #include <unordered_set>
@@ -34,6 +32,7 @@ struct replay_queue {
 
 struct replay_state {
     std::map<std::string, replay_queue> queues;              // by client
+    std::map<std::string, std::size_t> held;                 // configuring commands on their way
     std::uint64_t generation = 0;
 };
 
@@ -135,7 +134,7 @@ void send_item(const std::string &client, replay_queue &queue, const replay_item
         interface = line->interface;
     }
     auto parsed = parse(context_of(interface), text);
-    if (parsed.error || (!interface.empty() && intfmgr_find(interface) == 0)) {
+    if (parsed.error || (!interface.empty() && cmdsrv().interfaces.find(interface) == 0)) {
         if (item.line != 0 && !parsed.error)
             judge(item.line, parsed.command, corvane::STATUS_REJECTED, "no such interface: " + interface);
         return;
@@ -146,7 +145,8 @@ void send_item(const std::string &client, replay_queue &queue, const replay_item
 void pump(const std::string &client)
 {
     auto &queue = state().queues[client];
-    while (!queue.items.empty() && queue.on_the_way.size() < ON_THE_WAY_MAX && client_ready(client)) {
+    while (!queue.items.empty() && queue.on_the_way.size() < ON_THE_WAY_MAX && state().held[client] == 0 &&
+           client_ready(client)) {
         const replay_item item = std::move(queue.items.front());
         queue.items.pop_front();
         queue.queued.erase(item.line);
@@ -191,29 +191,6 @@ void offer(std::uint64_t id)
     pump(client);
 }
 
-void interface_up(const interface_info &interface)
-{
-    std::vector<std::uint64_t> waiting;
-    cmdsrv().running.each([&](config_line &line) {
-        if (line.state == line_state::WAITING && concerns(line, interface.name))
-            waiting.push_back(line.id);
-    });
-    for (const auto id : waiting)
-        offer(id);
-}
-
-// An interface that came (back) knows nothing of what was configured on it.
-void interface_created(const interface_info &interface)
-{
-    std::vector<std::uint64_t> lines;
-    cmdsrv().running.each_of(interface.name, [&](config_line &line) {
-        if (!line.command->enters_interface)
-            lines.push_back(line.id);
-    });
-    for (const auto id : lines)
-        offer(id);
-}
-
 } // namespace
 
 void replay_all(const std::string &client, const std::vector<applied_line> &applied)
@@ -250,7 +227,7 @@ void replay_interface(const std::string &client, std::uint32_t iod, std::uint64_
         nested = now->second.second + 1;
     if (nested > NESTED_MAX)
         return;
-    const std::string name = intfmgr_name(iod);
+    const std::string name = cmdsrv().interfaces.name(iod);
     if (name.empty())
         return;
     cmdsrv().running.each_of(name, [&](config_line &line) {
@@ -267,10 +244,35 @@ void replay_forget(const std::string &client)
     queue.generation = ++state().generation;
 }
 
-void replay_start()
+void replay_hold(const std::string &client, bool on)
 {
-    on_interface_up(interface_up);
-    on_interface_created(interface_created);
+    auto &held = state().held[client];
+    held += on ? 1 : 0;
+    held -= on || held == 0 ? 0 : 1;
+    if (held == 0)
+        pump(client);
+}
+
+void replay_interface_up(const interface_info &interface)
+{
+    std::vector<std::uint64_t> waiting;
+    cmdsrv().running.each([&](config_line &line) {
+        if (line.state == line_state::WAITING && concerns(line, interface.name))
+            waiting.push_back(line.id);
+    });
+    for (const auto id : waiting)
+        offer(id);
+}
+
+void replay_interface_created(const interface_info &interface)
+{
+    std::vector<std::uint64_t> lines;
+    cmdsrv().running.each_of(interface.name, [&](config_line &line) {
+        if (!line.command->enters_interface)
+            lines.push_back(line.id);
+    });
+    for (const auto id : lines)
+        offer(id);
 }
 
 } // namespace corvaned

@@ -4,8 +4,6 @@
 
 #include "cmdsrv_apply.h"
 #include "cmdsrv_stream.h"
-#include "intfmgr.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -317,7 +315,7 @@ void run_of_shell(session &s, const parsed_command &parsed)
         send_output(s, corvane::SHELL_STREAM_OUT, HELP_TEXT);
     } else if (what == "interface_device") {
         const std::string &name = parsed.interfaces.front();
-        if (intfmgr_find(name) == 0) {
+        if (cmdsrv().interfaces.find(name) == 0) {
             send_output(s, corvane::SHELL_STREAM_ERROR, "no such interface: " + name + "\n");
             status = corvane::STATUS_REJECTED;
         } else {
