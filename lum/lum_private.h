@@ -169,6 +169,7 @@ struct lum_static_entry {
     lum_mac_info mac;            // zero in a tunnel
     lum_addr next_hop;           // a tunnel's remote address: kind LUM_ADDR_IPV4 or LUM_ADDR_IPV6
     char if_name[40];            // not terminated when 40 long
+    lum_static_entry *chain;     // next route whose MAC falls on the same place of the index
 };
 extern rqueue lum_staticQ, lum_static_tunnelQ;
 

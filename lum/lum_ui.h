@@ -43,7 +43,9 @@ int lum_mroute_cmd(cli_cmd *cmd);
 int lum_static_tunnel_cmd(cli_cmd *cmd);
 int lum_rtab_command(cli_cmd *cmd);
 
-// Static MAC routes, a queue in the order in which they were configured.
+// Static MAC routes, a queue in the order in which they were configured. Lookups by MAC do not grow with its length.
+lum_static_entry *lum_first_static_route(const lum_mac_info &mac) LUM_LOCKED;
+lum_static_entry *lum_next_static_route(const lum_static_entry *entry) LUM_LOCKED;   // of the same MAC, in queue order
 lum_static_entry *lum_get_static_route(const lum_mac_info &mac, const lum_addr &next_hop) LUM_LOCKED;
 std::uint32_t lum_get_static_ecmp(const lum_mac_info &mac) LUM_LOCKED;       // routes of this MAC
 lum_static_entry *lum_add_static_route(const lum_mac_info &mac, const lum_addr &next_hop, const char *if_name)

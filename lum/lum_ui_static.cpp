@@ -1,53 +1,12 @@
-// Static MAC routes, static multicast routes and static tunnels: their commands and the queues that keep them. Command
-// thread and main thread, under the process lock.
+// Commands of static MAC routes, static multicast routes and static tunnels. Command thread, under the process lock.
 #include "lum_ui.h"
 
 #include "lum_inlines.h"
-
-#include "memacct.h"
-
-#include <cstring>
-#include <new>
-
-rqueue lum_staticQ, lum_static_tunnelQ;
 
 namespace
 {
 
 constexpr std::uint32_t STATIC_NEXT_HOPS_MAX = 4;
-
-lum_static_entry *next_of(lum_static_entry *entry) { return reinterpret_cast<lum_static_entry *>(entry->link.next); }
-lum_static_entry *first_of(const rqueue &queue) { return reinterpret_cast<lum_static_entry *>(queue.head); }
-
-template <class Matches> lum_static_entry *find_entry(const rqueue &queue, Matches matches)
-{
-    lum_static_entry *entry = first_of(queue);
-    while (entry != nullptr && !matches(*entry))
-        entry = next_of(entry);
-    return entry;
-}
-
-lum_static_entry *append_entry(rqueue &queue, const lum_mac_info &mac, const lum_addr &next_hop, const char *if_name)
-{
-    void *memory = memacct_alloc(LUM_SERVICE, LUM_MEM_TYPE_STATIC, sizeof(lum_static_entry));
-    if (memory == nullptr)
-        return nullptr;
-    lum_static_entry *entry = new (memory) lum_static_entry{};
-    entry->mac = mac;
-    entry->next_hop = next_hop;
-    if (if_name != nullptr)
-        std::memcpy(entry->if_name, if_name, strnlen(if_name, sizeof entry->if_name));
-    renqueue(queue, &entry->link);
-    return entry;
-}
-
-void free_entry(rqueue &queue, lum_static_entry *entry)
-{
-    if (entry == nullptr)
-        return;
-    runqueue(queue, &entry->link);
-    memacct_free(LUM_SERVICE, LUM_MEM_TYPE_STATIC, entry);
-}
 
 // Next hop of a command: a later argument overrides an earlier one.
 struct route_arguments {
@@ -109,47 +68,6 @@ std::array<std::uint8_t, 6> ipv4_multicast_mac(std::uint32_t group)
 }
 
 } // namespace
-
-lum_static_entry *lum_get_static_route(const lum_mac_info &mac, const lum_addr &next_hop)
-{
-    return find_entry(lum_staticQ, [&](const lum_static_entry &entry) {
-        return entry.mac == mac && lum_addr_equal(entry.next_hop, next_hop);
-    });
-}
-
-std::uint32_t lum_get_static_ecmp(const lum_mac_info &mac)
-{
-    std::uint32_t count = 0;
-    for (lum_static_entry *entry = first_of(lum_staticQ); entry != nullptr; entry = next_of(entry))
-        count += entry->mac == mac ? 1 : 0;
-    return count;
-}
-
-lum_static_entry *lum_add_static_route(const lum_mac_info &mac, const lum_addr &next_hop, const char *if_name)
-{
-    return append_entry(lum_staticQ, mac, next_hop, if_name);
-}
-
-void lum_delete_static_route(const lum_mac_info &mac, const lum_addr &next_hop)
-{
-    free_entry(lum_staticQ, lum_get_static_route(mac, next_hop));
-}
-
-lum_static_entry *lum_get_static_tunnel(const lum_addr &address)
-{
-    return find_entry(lum_static_tunnelQ,
-                      [&](const lum_static_entry &entry) { return lum_addr_equal(entry.next_hop, address); });
-}
-
-lum_static_entry *lum_add_static_tunnel(const lum_addr &address, const char *if_name)
-{
-    return append_entry(lum_static_tunnelQ, {}, address, if_name);
-}
-
-void lum_delete_static_tunnel(const lum_addr &address)
-{
-    free_entry(lum_static_tunnelQ, lum_get_static_tunnel(address));
-}
 
 int lum_route_cmd(cli_cmd *cmd)
 {

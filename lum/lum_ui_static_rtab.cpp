@@ -55,18 +55,34 @@ bool is_entry_of(const lum_static_entry &entry, const char *if_name)
 lum_static_entry *first_static() { return reinterpret_cast<lum_static_entry *>(lum_staticQ.head); }
 lum_static_entry *next_static(lum_static_entry *e) { return reinterpret_cast<lum_static_entry *>(e->link.next); }
 
-void update_mac(const lum_mac_info &mac, const lum_addr &next_hop, std::uint32_t add, bool with_others)
+void update_mac(const lum_mac_info &mac, const lum_addr &next_hop, std::uint32_t add, bool with_others) LUM_LOCKED
 {
     std::array<std::uint8_t, UPDATE_BUFFER> buffer;
     rtab_update update;
     rtab_begin_route_update(update, buffer.data(), buffer.size());
     rtab_add_mac_to_buffer(update, mac, 0, 1, add);
-    for (lum_static_entry *entry = with_others ? first_static() : nullptr; entry != nullptr; entry = next_static(entry)) {
-        if (entry->mac == mac && !lum_addr_equal(entry->next_hop, next_hop))
+    for (const lum_static_entry *entry = with_others ? lum_first_static_route(mac) : nullptr; entry != nullptr;
+         entry = lum_next_static_route(entry)) {
+        if (!lum_addr_equal(entry->next_hop, next_hop))
             rtab_add_nexthop_to_route(update, entry->next_hop);
     }
     rtab_add_nexthop_to_route(update, next_hop);
     static_cast<void>(rtab_end_route_update(update, 0));
+}
+
+// One update, as long as its 16-bit count can tell the number; what is left follows behind a header of its own.
+void send_elements(std::uint8_t *buffer, std::size_t count)
+{
+    constexpr std::size_t most = 0xFFFF;
+    std::size_t sent = 0;
+    while (sent < count) {
+        const std::size_t n = std::min(count - sent, most);
+        std::uint8_t *start = buffer + sent * ELEMENT_SIZE;
+        std::memset(start, 0, RTAB_UPDATE_HEADER);                   // of elements that are sent already
+        static_cast<void>(rtab_update_route(start, static_cast<std::uint16_t>(n),
+                                            static_cast<std::uint32_t>(RTAB_UPDATE_HEADER + ELEMENT_SIZE * n), 0));
+        sent += n;
+    }
 }
 
 void update_ip(const lum_mac_info &mac, std::uint32_t source, std::uint32_t group, std::uint32_t iod, std::uint32_t add)
@@ -173,9 +189,7 @@ void lum_resolve_static_routes(std::uint32_t iod)
         put_key(out, entry->mac);
         put_next_hop(out, entry->next_hop);
     }
-    if (count != 0)
-        static_cast<void>(rtab_update_route(buffer, static_cast<std::uint16_t>(count),
-                                            static_cast<std::uint32_t>(RTAB_UPDATE_HEADER + ELEMENT_SIZE * count), 0));
+    send_elements(buffer, count);
     memacct_free(LUM_SERVICE, LUM_MEM_TYPE_RTAB_BUFFER, buffer);
 }
 

@@ -97,6 +97,29 @@ TEST_F(LumStaticQueue, DeletesOneEntryAndKeepsTheOrderOfTheOthers)
     EXPECT_EQ(lum_get_static_ecmp(HOST_INFO), 2u);
 }
 
+TEST_F(LumStaticQueue, ManyMacsAreFoundEachWithItsOwnRoutesInQueueOrder)
+{
+    const auto nth = [](std::uint32_t i) {
+        return lum_mac_info{i % 7, {2, 0, 0, 0, static_cast<std::uint8_t>(i >> 8), static_cast<std::uint8_t>(i)}};
+    };
+    constexpr std::uint32_t COUNT = 12000;       // several to a place of the index
+    for (const std::uint32_t iod : {1u, 2u, 3u})
+        for (std::uint32_t i = 0; i < COUNT; ++i)
+            lum_add_static_route(nth(i), lum_addr_iod(iod), nullptr);
+    for (std::uint32_t i = 0; i < COUNT; i += 2)
+        lum_delete_static_route(nth(i), lum_addr_iod(i % 4 == 0 ? 1 : 3));
+    for (std::uint32_t i = 0; i < COUNT; ++i) {
+        std::vector<std::uint32_t> iods;
+        for (const lum_static_entry *e = lum_first_static_route(nth(i)); e != nullptr; e = lum_next_static_route(e))
+            iods.push_back(lum_addr_word(e->next_hop, 0));
+        const std::vector<std::uint32_t> expected = i % 2 != 0   ? std::vector<std::uint32_t>{1, 2, 3}
+                                                    : i % 4 == 0 ? std::vector<std::uint32_t>{2, 3}
+                                                                 : std::vector<std::uint32_t>{1, 2};
+        ASSERT_EQ(iods, expected) << i;
+    }
+    EXPECT_EQ(lum_staticQ.count, COUNT * 5 / 2);
+}
+
 TEST_F(LumStaticQueue, StaysAsItIsWithoutMemory)
 {
     platform.fail("memacct_alloc");
@@ -426,6 +449,22 @@ TEST_F(LumResolveStaticRoutes, ARouteConfiguredWhileDownReachesTheTableWhenTheIn
     platform.interface(PORT).up = false;
     lum_resolve_static_routes(PORT);
     EXPECT_EQ(platform.find_route(HOST_INFO), nullptr);
+}
+
+TEST_F(LumResolveStaticRoutes, MoreRoutesThanAnUpdateCanCountAreSentInTwo)
+{
+    for (std::uint32_t i = 0; i < 65535 + 2; ++i)
+        lum_add_static_route({10, {2, 0, 0, static_cast<std::uint8_t>(i >> 16), static_cast<std::uint8_t>(i >> 8),
+                                   static_cast<std::uint8_t>(i)}}, lum_addr_iod(0), "eth1");
+    lum_resolve_static_routes(PORT);
+    ASSERT_THAT(platform.route_updates, SizeIs(2));
+    EXPECT_EQ(platform.route_updates[0].count, 65535);
+    const route_update &rest = platform.route_updates[1];
+    EXPECT_EQ(rest.count, 2);
+    EXPECT_EQ(rest.length, 68u + 2 * 52);
+    EXPECT_EQ(rest.buffer.range(0, 68), bytes(68));
+    EXPECT_EQ(rest.element(0).mac(4), mac("02:00:00:00:ff:ff"));
+    EXPECT_EQ(rest.element(1).mac(4), mac("02:00:00:01:00:00"));
 }
 
 TEST_F(LumResolveStaticRoutes, ANameOfFortyCharactersIsComparedAsFarAsItIsKept)
