@@ -2,6 +2,7 @@
 
 import os
 import shutil
+import signal
 import socket
 import unittest
 
@@ -160,6 +161,16 @@ class Restart(TwoSites):
             killed = edge.kill_lum()
             wait_until(lambda: edge.lum_pid() not in (None, killed), 30, "lum is back")
         edge.wait_overlay("UP")
+        self.assert_stretched(20)
+
+    def test_hosts_talk_on_while_corvaned_is_gone_and_it_takes_over_again(self):
+        edge = self.edges[1]
+        os.kill(edge.process.pid, signal.SIGKILL)
+        edge.process.wait(5)
+        self.assertEqual(self.top.host(1, 10).ping(self.top.host(2, 10).ipv4), 3)
+        edge.start_with(["--config", edge.config_file])
+        edge.wait_overlay("UP")
+        self.assert_stretched(10)
         self.assert_stretched(20)
 
 
