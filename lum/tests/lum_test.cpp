@@ -116,7 +116,8 @@ LumTest::~LumTest()
     plock_assert_held();
     reset_daemon();
     for (std::uint32_t type = 0; type < LUM_MEM_TYPE_MAX; ++type)
-        EXPECT_EQ(platform.memory_blocks(type), 0u) << "blocks left of " << __lum_mem_type_t_find(type);
+        EXPECT_EQ(platform.memory_blocks(type), type == LUM_MEM_TYPE_PACKET ? receive_buffers_ : 0)
+            << "blocks left of " << __lum_mem_type_t_find(type);
 }
 
 lum_vlan &LumTest::vlan_entry(std::uint32_t vlan)

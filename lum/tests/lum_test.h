@@ -53,6 +53,8 @@ protected:
     // Runs input on a copy of its own, so that a read past the end is a read past an allocation.
     static void input(const fake::bytes &frame, std::uint32_t iod);
     [[nodiscard]] static std::vector<std::uint32_t> ports_sent_to();
+
+    std::size_t receive_buffers_ = 0;                        // of receive threads that ran: never freed
 };
 
 } // namespace lum_test
