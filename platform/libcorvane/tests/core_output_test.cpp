@@ -79,6 +79,7 @@ protected:
         lab::write_setting("/proc/sys/net/ipv6/conf/cq0/accept_dad", "0");   // a tentative address asks for nobody
         lab::write_setting("/proc/sys/net/ipv6/conf/cq0/disable_ipv6", "0");
         lab::run("ip addr add 10.77.0.1/24 dev cq0 && ip -6 addr add 2001:db8:77::1/64 dev cq0 nodad");
+        lab::run("timeout 5 sh -c 'until ip -6 route show table local | grep -q 2001:db8:77::1; do sleep 0.01; done'");
         interfaces_.set(IOD, "cq0", INTERFACE_UP);
     }
 

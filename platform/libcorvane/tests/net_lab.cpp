@@ -83,6 +83,9 @@ veth::veth(const std::string &name, const std::string &options) : name_(name)
 {
     run("ip link add " + name + " " + options + " type veth peer name " + peer() + " " + options);
     run("ip link set " + name + " up && ip link set " + peer() + " up");
+    // Until then the kernel throws away what is sent.
+    run("timeout 5 sh -c 'until ip link show " + name + " | grep -q \"state UP\"; do sleep 0.002; done; until ip link show " +
+        peer() + " | grep -q \"state UP\"; do sleep 0.002; done'");
 }
 
 void veth::remove()

@@ -41,6 +41,7 @@ protected:
         lab::write_setting("/proc/sys/net/ipv6/conf/gq0/accept_dad", "0");
         lab::write_setting("/proc/sys/net/ipv6/conf/gq0/disable_ipv6", "0");
         lab::run("ip addr add 10.77.0.1/24 dev gq0 && ip -6 addr add 2001:db8:77::1/64 dev gq0 nodad");
+        lab::run("timeout 5 sh -c 'until ip -6 route show table local | grep -q 2001:db8:77::1; do sleep 0.01; done'");
         lab::run("ip neigh replace 10.77.0.2 lladdr 02:00:00:00:00:99 dev gq0 nud permanent");
         lab::run("ip neigh replace 2001:db8:77::2 lladdr 02:00:00:00:00:99 dev gq0 nud permanent");
         interfaces_.set(CORE, "gq0", INTERFACE_UP);
