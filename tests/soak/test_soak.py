@@ -40,8 +40,9 @@ class Soak(TwoSites):
         edge.ns.ip("link set eth0 down")
         time.sleep(0.2)
         edge.ns.ip("link set eth0 up")
-        # The kernel took the routes away with the link.
-        edge.ns.ip(f"route replace default via 198.18.{edge.node.site}.254",
+        # The kernel took the IPv6 address and the routes away with the link.
+        edge.ns.ip(f"addr replace {edge.node.ipv6}/64 dev eth0 nodad",
+                   f"route replace default via 198.18.{edge.node.site}.254",
                    f"route replace default via 2001:db8:{edge.node.site:x}::fe")
 
     def reconfigure(self, edge, _chance):

@@ -2,7 +2,7 @@
 
 import unittest
 
-from lab import Capture, Lab, LabError, frames, two_sites, wait_until
+from lab import Capture, Lab, LabError, frames, programs_dir, two_sites, wait_until
 from lab.edge import start_edges
 
 VLANS = (10, 20)
@@ -48,6 +48,11 @@ class TwoSites(unittest.TestCase):
         one, other = self.top.host(1, vlan), self.top.host(2, vlan)
         payload = bytes((size + i) & 0xFF for i in range(size - 14))
         return frames.ethernet(dst or other.mac, one.mac, ethertype, payload)
+
+
+def sanitized():
+    """Whether the programs carry a sanitizer, with the memory and time that it takes."""
+    return any(mark in (programs_dir() / "lum").read_bytes() for mark in (b"__asan_init", b"__tsan_init"))
 
 
 def is_test_frame(data):

@@ -77,11 +77,11 @@ class SiteToSiteOverIpv4(TwoSites):
         for vlan in VLANS:
             with self.subTest(vlan=vlan):
                 report = self.top.host(1, vlan).tcp(self.top.host(2, vlan), seconds=2)
-                self.assertGreater(report["end"]["sum_received"]["bytes"], 10_000_000)
+                self.assertGreater(report["end"]["sum_received"]["bytes"], 1_000_000)
 
     def test_tcp_crosses_over_ipv6_of_the_hosts(self):
         report = self.top.host(2, 10).tcp(self.top.host(1, 10), seconds=2, ipv6=True)
-        self.assertGreater(report["end"]["sum_received"]["bytes"], 10_000_000)
+        self.assertGreater(report["end"]["sum_received"]["bytes"], 1_000_000)
 
     def test_hosts_of_different_vlans_stay_apart(self):
         hosts = list(self.top.hosts.values())
@@ -201,7 +201,7 @@ class SiteToSiteOverASmallCore(TwoSites):
 
     def test_tcp_crosses_in_fragments(self):
         report = self.top.host(1, 10).tcp(self.top.host(2, 10), seconds=2)
-        self.assertGreater(report["end"]["sum_received"]["bytes"], 10_000_000)
+        self.assertGreater(report["end"]["sum_received"]["bytes"], 1_000_000)
 
 
 class SiteToSiteOverASmallIpv6Core(SiteToSiteOverASmallCore):
