@@ -53,6 +53,9 @@ namespace fake {
 
 struct state;                    // what the implementation keeps besides the members below
 
+// Runs `work` with the process lock given up altogether, and takes it back as deep as it was held.
+void without_process_lock(const std::function<void()> &work);
+
 // What the daemon asked of the platform and what left the process. `forget` empties it.
 struct recorded {
     std::vector<call_record> calls;              // in order
@@ -97,7 +100,8 @@ struct scripted {
     bool threads_run = false;                    // created threads run at once, as on the real platform
     std::set<std::string> joined_by_process;     // of those, the ones that the code under test joins by itself
 
-    bool accept_all_saps = true;                 // false: sending to a SAP that nobody bound fails with ENOENT
+    bool accept_all_saps = true;                 // false: sending to a SAP that nobody bound fails with ENOENT,
+    std::set<std::uint32_t> known_saps;          // these excepted
     std::uint32_t source_sap = 999;              // of delivered messages, unless they say otherwise
     // A receive on an empty queue runs this; when the queue is still empty after it, the queue goes into pre-unbind
     // state and the receive fails with EPIPE, so that a loop under test ends.
@@ -116,6 +120,8 @@ struct scripted {
     bool chassis_ferrix = true;
     hakit_ha_params ha_params;                   // as hakit_ha_api_init got them
     bool ha_disabled = false;
+    std::set<std::uint32_t> sdb_client_opcodes;  // messages that fsrv_sdb_process_msg takes
+    std::set<std::uint32_t> ha_opcodes;          // messages that hakit_ha_dispatch takes; registered databases add theirs
 
     // Shared database and persistent store: name of the database, key, value.
     std::map<std::string, std::map<bytes, bytes>> sdb;

@@ -74,13 +74,21 @@ void platform_object::forget()
     state_->fallible = 0;
 }
 
+std::unique_lock<std::recursive_mutex> hold_state()
+{
+    static std::recursive_mutex mutex;
+    return std::unique_lock(mutex);
+}
+
 void append_call(call_record record)
 {
+    const auto held = hold_state();
     platform.calls.push_back(std::move(record));
 }
 
 bool refuse_now(const char *name)
 {
+    const auto held = hold_state();
     state &s = platform.impl();
     ++s.fallible;
     const bool any = counts_down(s.any);

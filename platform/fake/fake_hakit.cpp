@@ -100,7 +100,10 @@ bool hakit_ha_register_pstore(std::uint32_t kind, const char *name)
 hakit_sdb hakit_ha_register_sdb(std::uint32_t kind, const char *name, std::uint32_t opcode1, std::uint32_t opcode2)
 {
     note("hakit_ha_register_sdb", kind, name, opcode1, opcode2);
-    return refuse("hakit_ha_register_sdb") ? 0 : handle_of(platform.impl().databases, name);
+    if (refuse("hakit_ha_register_sdb"))
+        return 0;
+    platform.ha_opcodes.insert({opcode1, opcode2});
+    return handle_of(platform.impl().databases, name);
 }
 
 bool hakit_ha_api_init(const hakit_ha_params &params)
@@ -113,7 +116,7 @@ bool hakit_ha_api_init(const hakit_ha_params &params)
 }
 
 void hakit_ha_api_close() { note("hakit_ha_api_close"); }
-int hakit_ha_dispatch(mbus_msg & /*msg*/) { return -1; }
+int hakit_ha_dispatch(mbus_msg &msg) { return platform.ha_opcodes.contains(mbus_opc_get(msg)) ? 0 : -1; }
 
 int hakit_ha_recovery_done(std::uint32_t status)
 {
@@ -201,7 +204,7 @@ int sdb_delete(sdb_handle handle, const void *key, std::size_t key_length)
 int sdb_get_context_len(sdb_handle handle, std::size_t *length)
 {
     note("sdb_get_context_len", handle);
-    if (refuse("sdb_get_context_len"))
+    if (refuse("sdb_get_context_len") || name_of(platform.impl().databases, handle) == nullptr)
         return 0;
     *length = 100;
     return 1;
@@ -210,7 +213,7 @@ int sdb_get_context_len(sdb_handle handle, std::size_t *length)
 int sdb_set_context(sdb_handle handle, void *context, std::size_t length)
 {
     note("sdb_set_context", handle, length);
-    if (refuse("sdb_set_context"))
+    if (refuse("sdb_set_context") || name_of(platform.impl().databases, handle) == nullptr)
         return 0;
     std::memset(context, 0, length);
     return 1;
@@ -219,14 +222,12 @@ int sdb_set_context(sdb_handle handle, void *context, std::size_t length)
 int sdb_write_done(sdb_handle handle)
 {
     note("sdb_write_done", handle);
-    return refuse("sdb_write_done") ? 0 : 1;
+    return refuse("sdb_write_done") || name_of(platform.impl().databases, handle) == nullptr ? 0 : 1;
 }
 
 std::uint32_t fsrv_sdb_process_msg(mbus_q /*queue*/, mbus_msg &msg)
 {
-    constexpr std::uint32_t OPC_CHANGED = 0x1340D, OPC_CONTEXT = 0x1340E;
-    const std::uint32_t opcode = mbus_opc_get(msg);
-    return opcode == OPC_CHANGED || opcode == OPC_CONTEXT ? SDB_MSG_HANDLED : 0;
+    return platform.sdb_client_opcodes.contains(mbus_opc_get(msg)) ? SDB_MSG_HANDLED : 0;
 }
 
 pstore_handle pstore_open(const char *name)

@@ -185,6 +185,7 @@ void tcp_teardown() { note("tcp_teardown"); }
 
 int corvane_socket(int family, int type, int protocol)
 {
+    const auto held = hold_state();
     note("corvane_socket", family, type, protocol);
     if (refuse("corvane_socket"))
         return -1;
@@ -200,6 +201,7 @@ int corvane_socket(int family, int type, int protocol)
 
 int corvane_setsockopt(int socket, int level, int option, const void *value, socklen_t length)
 {
+    const auto held = hold_state();
     note("corvane_setsockopt", socket, level, option);
     if (refuse("corvane_setsockopt"))
         return -1;
@@ -212,6 +214,7 @@ int corvane_setsockopt(int socket, int level, int option, const void *value, soc
 
 int corvane_bind(int socket, const sockaddr *address, socklen_t length)
 {
+    const auto held = hold_state();
     note("corvane_bind", socket, length);
     if (refuse("corvane_bind"))
         return -1;
@@ -225,6 +228,7 @@ int corvane_bind(int socket, const sockaddr *address, socklen_t length)
 int corvane_select(int count, fd_set * /*readable*/, fd_set * /*writable*/, fd_set * /*exceptional*/,
                    timeval * /*timeout*/)
 {
+    const auto held = hold_state();
     note("corvane_select", count);
     if (refuse("corvane_select"))
         return -1;
@@ -237,6 +241,7 @@ int corvane_select(int count, fd_set * /*readable*/, fd_set * /*writable*/, fd_s
 
 ssize_t corvane_recvfrom(int socket, void *buffer, size_t size, int flags, sockaddr *from, socklen_t *from_length)
 {
+    const auto held = hold_state();
     note("corvane_recvfrom", socket, size, flags);
     if (refuse("corvane_recvfrom"))
         return -1;
@@ -257,6 +262,7 @@ ssize_t corvane_recvfrom(int socket, void *buffer, size_t size, int flags, socka
 
 int corvane_close(int socket)
 {
+    const auto held = hold_state();
     note("corvane_close", socket);
     socket_record *found = find(socket);
     if (found == nullptr)

@@ -27,6 +27,12 @@ l2_frame frame_of(net_l2_handle handle, const net_l2_header &header, const net_l
     return frame;
 }
 
+// Switchports, and the overlays in GRE format for which this is the tunnel.
+bool serves(std::uint32_t iod)
+{
+    return intfmgr_is_switchport(iod) || intfmgr_is_lum_tunnel(iod);
+}
+
 } // namespace
 
 int net_l2_send(net_l2_handle handle, const net_l2_header &header, const net_l2_send_request &request,
@@ -37,7 +43,7 @@ int net_l2_send(net_l2_handle handle, const net_l2_header &header, const net_l2_
         return 1;
     }
     note("net_l2_send", handle, __builtin_bswap32(request.iod_be), length);
-    if (refuse("net_l2_send"))
+    if (refuse("net_l2_send") || (request.flood == 0 && !serves(__builtin_bswap32(request.iod_be))))
         return 0;
     ++platform.packets_out;
     platform.l2_sent.push_back(frame_of(handle, header, request, {payload, length}));

@@ -1,6 +1,8 @@
 // Message bus: queues in memory. A receive never waits: an empty queue ends the loop that reads it.
 #include "fake_state.h"
 
+#include "../wire/bus.h"
+
 #include <algorithm>
 #include <stdexcept>
 
@@ -71,7 +73,7 @@ int send_to_sap(std::uint32_t sap, held_message message)
     const mbus_q q = platform.queue_of(sap);
     if (q != MBUS_Q_INVALID)
         return enqueue(q, std::move(message));
-    return platform.accept_all_saps ? 0 : failed(ENOENT);
+    return platform.accept_all_saps || platform.known_saps.contains(sap) ? 0 : failed(ENOENT);
 }
 
 bytes payload_of(const void *payload, std::size_t length, const mbus_send_options &options)
@@ -96,6 +98,7 @@ mbus_msg receive_now(std::uint64_t id)
 
 void platform_object::deliver(std::uint32_t sap, std::uint32_t opcode, bytes payload, message_options options)
 {
+    const auto held_state = hold_state();
     const mbus_q q = queue_of(sap);
     if (q == MBUS_Q_INVALID)
         throw std::logic_error("no queue is bound to SAP " + std::to_string(sap));
@@ -119,6 +122,7 @@ void platform_object::deliver_frame(std::uint32_t iod, const bytes &frame, std::
 
 mbus_msg platform_object::message(std::uint32_t opcode, bytes payload, message_options options)
 {
+    const auto held_state = hold_state();
     held_message message;
     message.opcode = opcode;
     message.payload = std::move(payload);
@@ -162,16 +166,17 @@ using namespace fake;
 
 mbus_q mbus_bind(std::uint32_t /*version*/, std::uint32_t sap, const mbus_q_attr &attr, const char *name)
 {
+    const auto held_state = hold_state();
     note("mbus_bind", sap, name);
     if (refuse("mbus_bind"))
         return MBUS_Q_INVALID;
-    if (platform.queue_of(sap) != MBUS_Q_INVALID) {
+    if (sap != 0 && platform.queue_of(sap) != MBUS_Q_INVALID) {
         errno = EADDRINUSE;
         return MBUS_Q_INVALID;
     }
     state &s = platform.impl();
     bus_queue &made = s.queues[++s.last_queue];
-    made.sap = sap;
+    made.sap = sap != 0 ? sap : corvane::BUS_SAP_DYNAMIC + s.last_queue;     // 0 asks for a free one
     made.name = name;
     made.attr = attr;
     return s.last_queue;
@@ -179,6 +184,7 @@ mbus_q mbus_bind(std::uint32_t /*version*/, std::uint32_t sap, const mbus_q_attr
 
 int mbus_unbind(mbus_q q, std::uint32_t flags)
 {
+    const auto held_state = hold_state();
     note("mbus_unbind", q, flags);
     if (refuse("mbus_unbind"))
         return -1;
@@ -192,6 +198,7 @@ int mbus_unbind(mbus_q q, std::uint32_t flags)
 
 int mbus_options_set(mbus_q q, std::uint32_t opcode, std::uint32_t option)
 {
+    const auto held_state = hold_state();
     note("mbus_options_set", q, opcode, option);
     if (refuse("mbus_options_set"))
         return -1;
@@ -209,6 +216,7 @@ int mbus_options_set(mbus_q q, std::uint32_t opcode, std::uint32_t option)
 
 int mbus_recv(mbus_q q, mbus_msg &msg)
 {
+    const auto held_state = hold_state();
     note("mbus_recv", q);
     if (refuse("mbus_recv"))
         return -1;
@@ -232,6 +240,7 @@ int mbus_recv(mbus_q q, mbus_msg &msg)
 
 int mbus_drop(mbus_q q, mbus_msg &msg)
 {
+    const auto held_state = hold_state();
     if (refuse("mbus_drop"))
         return -1;
     if (msg == mbus_msg{}) {
@@ -259,24 +268,28 @@ int mbus_drop(mbus_q q, mbus_msg &msg)
 
 std::uint32_t mbus_opc_get(const mbus_msg &msg)
 {
+    const auto held_state = hold_state();
     const held_message *found = find(msg);
     return found == nullptr ? 0 : found->opcode;
 }
 
 mbus_addr mbus_saddr_get(const mbus_msg &msg)
 {
+    const auto held_state = hold_state();
     const held_message *found = find(msg);
     return {0, found == nullptr ? 0 : found->source_sap};
 }
 
 std::uint32_t mbus_sync_event_get(const mbus_msg &msg)
 {
+    const auto held_state = hold_state();
     const held_message *found = find(msg);
     return found == nullptr ? 0 : found->sync_event;
 }
 
 std::uint8_t *mbus_payload_get(const mbus_msg &msg, std::size_t *length)
 {
+    const auto held_state = hold_state();
     const held_message *found = find(msg);
     const bool empty = found == nullptr || found->payload.empty();
     if (length != nullptr)
@@ -287,6 +300,7 @@ std::uint8_t *mbus_payload_get(const mbus_msg &msg, std::size_t *length)
 int mbus_send(mbus_q from, const mbus_addr &to, std::uint32_t opcode, const void *payload, std::size_t length,
               const mbus_send_options &options)
 {
+    const auto held_state = hold_state();
     const bus_queue *source = queue(from);
     bus_message sent{from, source == nullptr ? 0 : source->sap, to, opcode, payload_of(payload, length, options),
                      options.want_ack != 0, options.sync_event, options.version};
@@ -294,6 +308,8 @@ int mbus_send(mbus_q from, const mbus_addr &to, std::uint32_t opcode, const void
          sent.payload.size());
     if (refuse("mbus_send"))
         return -1;
+    if (sent.payload.size() > corvane::BUS_PAYLOAD_MAX)
+        return failed(EMSGSIZE);
     held_message message;
     message.opcode = opcode;
     message.source_sap = sent.from_sap;
@@ -305,6 +321,7 @@ int mbus_send(mbus_q from, const mbus_addr &to, std::uint32_t opcode, const void
 
 int mbus_pre_unbind(mbus_q q)
 {
+    const auto held_state = hold_state();
     note("mbus_pre_unbind", q);
     bus_queue *found = queue(q);
     if (found == nullptr)
@@ -315,6 +332,7 @@ int mbus_pre_unbind(mbus_q q)
 
 bool mbus_is_pre_unbind(mbus_q q)
 {
+    const auto held_state = hold_state();
     const bus_queue *found = queue(q);
     return found != nullptr && found->pre_unbind;
 }

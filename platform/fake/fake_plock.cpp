@@ -58,6 +58,7 @@ void *thread_body(void *argument)
         if (slot.what == thread_slot::order::leave)
             return nullptr;
     }
+    pthread_setname_np(pthread_self(), slot.record.name.substr(0, 15).c_str());
     const release_at_end release;
     return slot.record.entry(slot.record.argument);
 }
@@ -73,7 +74,7 @@ void order_thread(thread_slot &slot, thread_slot::order what)
 
 bool platform_object::lock_held() const { return depth != 0; }
 
-void without_lock(const std::function<void()> &work)
+void without_process_lock(const std::function<void()> &work)
 {
     const std::size_t held = depth;
     if (held != 0)
@@ -102,14 +103,14 @@ void *platform_object::run_thread(std::string_view name)
     slot.joined = true;
     order_thread(slot, thread_slot::order::run);
     void *result = nullptr;
-    without_lock([&] { pthread_join(slot.id, &result); });
+    without_process_lock([&] { pthread_join(slot.id, &result); });
     return result;
 }
 
 void release_threads()
 {
     state &s = platform.impl();
-    without_lock([&] {
+    without_process_lock([&] {
         for (const auto &slot : s.threads) {
             if (!slot->record.ran)
                 order_thread(*slot, thread_slot::order::leave);
@@ -179,7 +180,7 @@ void plock_sched_yield() CORVANE_NO_TSA
     ++platform.yields;
     if (depth == 0)
         lock_error();
-    without_lock([] {});
+    without_process_lock([] {});
     if (platform.on_yield)
         platform.on_yield();
 }

@@ -170,12 +170,15 @@ element parse(const bytes &e)
     return parsed;
 }
 
-void learn(const element &e)
+bool learn(const element &e)
 {
+    if (is_group(e.key))                                     // nobody is learnt behind a group address
+        return false;
     route_entry &r = entry(e.key);
     r.learnt = route_nexthop{e.nexthop, platform.own_service, true};
     r.learnt_seen = platform.now;
     settle(r);
+    return true;
 }
 
 void age(const element &e)
@@ -232,19 +235,20 @@ void operator_delete(const element &e)
     settle(*r);
 }
 
-void apply_by_hand(const element &e)
+bool apply_by_hand(const element &e)
 {
     constexpr std::uint32_t CODE_LEARNT = 11, CODE_OPERATOR = 10;
+    if (e.operation == corvane::RTAB_OPERATION_ADD && e.code == CODE_LEARNT)
+        return learn(e);
     if (e.operation == corvane::RTAB_OPERATION_NONE)
         resolve(e);
     else if (e.operation == corvane::RTAB_OPERATION_DELETE)
         operator_delete(e);
-    else if (e.code == CODE_LEARNT)
-        learn(e);
     else if (e.code == CODE_OPERATOR)
         operator_add(e);
     else
         age(e);
+    return true;
 }
 
 void apply_built_ip(const route_update &update)
@@ -277,17 +281,20 @@ void apply_built_mac(const route_update &update)
     }
 }
 
-void apply(const route_update &update)
+// False when nothing of it was taken.
+bool apply(const route_update &update)
 {
     if (update.buffer.host32(corvane::RTAB_HEADER_MARK) != corvane::RTAB_BUILT) {
+        bool taken = false;
         for (std::size_t i = 0; i < update.count; ++i)
-            apply_by_hand(parse(update.element(i)));
-        return;
+            taken = apply_by_hand(parse(update.element(i))) || taken;
+        return taken;
     }
     if (update.buffer.host32(corvane::RTAB_HEADER_KIND) == corvane::RTAB_KIND_IP)
         apply_built_ip(update);
     else
         apply_built_mac(update);
+    return update.count != 0;
 }
 
 } // namespace
@@ -440,6 +447,5 @@ int rtab_update_route(const void *buffer, std::uint16_t count, std::uint32_t len
     platform.route_updates.push_back(update);
     if (refuse("rtab_update_route"))
         return 0;
-    apply(update);
-    return 1;
+    return apply(update) ? 1 : 0;
 }

@@ -148,8 +148,8 @@ template <class... Arguments> void note(const char *name, const Arguments &...ar
 [[nodiscard]] std::uint64_t now_ns();
 void release_threads();          // lets parked ones go and waits for all
 void reset_memory();
-// Runs `work` with the lock given up altogether, and takes it back as deep as it was held.
-void without_lock(const std::function<void()> &work);
+// Functions that threads call without the process lock take this: they may call each other.
+[[nodiscard]] std::unique_lock<std::recursive_mutex> hold_state();
 mbus_msg receive_now(std::uint64_t id);      // handle of a message
 
 inline constexpr std::uint32_t OPC_SERVICE_STATE = 0x7FFF0001, OPC_SERVICE_QUERY = 0x7FFF0002,

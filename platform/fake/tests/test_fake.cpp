@@ -60,6 +60,7 @@ TEST_F(FakeRecord, KeepsThePacketsBytesAndArguments)
 
 TEST_F(FakeRecord, PutsTheFrameTogetherFromHeaderAndPayload)
 {
+    platform.add_interface(5, "eth5", {.switchport = true});
     const bytes frame = tagged(BROADCAST, mac("02:00:00:00:00:01"), 300, 0x0800, filler(50));
     net_l2_header header;
     std::memcpy(&header.destination, frame.data(), 6);
