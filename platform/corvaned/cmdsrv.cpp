@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <cstdlib>
 #include <filesystem>
 #include <set>
 #include <unistd.h>
@@ -175,7 +176,10 @@ void cmdsrv_start()
     cmdsrv_serve();
     on_interface_up(replay_interface_up);
     on_interface_created(replay_interface_created);
-    load_startup();
+    if (!journal_recover())
+        load_startup();
+    journal_start();
+    std::atexit(journal_end);
     clients_start();
     sessions_start();
 }

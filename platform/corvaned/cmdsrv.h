@@ -102,11 +102,16 @@ struct file_line {
 };
 void read_configuration(std::string_view text, const std::function<void(const file_line &)> &take,
                         const std::function<void(std::uint32_t number, const std::string &what)> &refuse);
+void take_line(const file_line &line, line_state of_clients);        // carries platform lines out, keeps the others
 [[nodiscard]] std::string startup_path();            // --config, else the saved configuration under the state folder
 void load_startup();
 [[nodiscard]] bool save_running(std::string &error); // to the startup file
-void journal_start();                                // the running configuration survives this process
-[[nodiscard]] bool journal_recover();                // true: it was read back
+
+// ---- journal (cmdsrv_journal.cpp): the running configuration outlives a sudden end of this process, not an orderly one
+[[nodiscard]] bool journal_recover();                // true: it was read back, the startup file is not to be read
+void journal_start();                                // from here on every change is noted
+void journal_rewrite();                              // the startup file changed
+void journal_end();
 
 // ---- shells (cmdsrv_session.cpp)
 void sessions_start();

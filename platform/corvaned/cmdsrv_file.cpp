@@ -166,29 +166,45 @@ private:
     std::string interface_;
 };
 
-// A line of the startup file: the platform's are carried out now, those of clients when these come.
-void take_startup_line(const file_line &line, bool again)
+void take_now(const file_line &line, line_state of_clients, bool again);
+
+// Its service starts after this one: in the first turn of the loop it is there.
+void take_later(const file_line &line, line_state of_clients)
+{
+    after(std::chrono::milliseconds(0), [line, of_clients] { take_now(line, of_clients, true); });
+}
+
+std::string origin(const file_line &line)
+{
+    return line.number == 0 ? "" : startup_path() + ":" + std::to_string(line.number) + ": ";
+}
+
+// False: the platform refused it for good.
+bool carry_out(const file_line &line, line_state &state)
+{
+    std::string text;
+    state = line_state::ACTIVE;
+    if (run_platform_again(line.command, line.interface, text) == corvane::STATUS_DONE)
+        return true;
+    const bool waits = waits_for_interface(line.command, line.interface);
+    report_load_error(origin(line) + "'" + line.text + "': " +
+                      (text.empty() ? "rejected" : text.substr(0, text.find('\n'))) +
+                      (waits ? " (waits for its interface)" : ""));
+    state = line_state::WAITING;
+    return waits;
+}
+
+void take_now(const file_line &line, line_state of_clients, bool again)
 {
     auto &running = cmdsrv().running;
     const auto &command = *line.command.command;
-    line_state state = line_state::UNTRIED;
+    line_state state = of_clients;
     if (command.client == "platform" && !platform_serves(command.handler) && !again) {
-        // Its service starts after this one: in the first turn of the loop it is there.
-        after(std::chrono::milliseconds(0), [line] { take_startup_line(line, true); });
+        take_later(line, of_clients);
         return;
     }
-    if (command.client == "platform") {
-        std::string text;
-        const int status = run_platform_again(line.command, line.interface, text);
-        const bool waits = status != corvane::STATUS_DONE && waits_for_interface(line.command, line.interface);
-        if (status != corvane::STATUS_DONE)
-            report_load_error(startup_path() + ":" + std::to_string(line.number) + ": '" + line.text + "': " +
-                              (text.empty() ? "rejected" : text.substr(0, text.find('\n'))) +
-                              (waits ? " (waits for its interface)" : ""));
-        if (status != corvane::STATUS_DONE && !waits)
-            return;
-        state = waits ? line_state::WAITING : line_state::ACTIVE;
-    }
+    if (command.client == "platform" && !carry_out(line, state))
+        return;
     if (command.enters_interface && !line.command.no)
         running.make_interface(line.command.interfaces.front(), &command, state, line.number);
     else
@@ -196,6 +212,8 @@ void take_startup_line(const file_line &line, bool again)
 }
 
 } // namespace
+
+void take_line(const file_line &line, line_state of_clients) { take_now(line, of_clients, false); }
 
 void read_configuration(std::string_view text, const std::function<void(const file_line &)> &take,
                         const std::function<void(std::uint32_t, const std::string &)> &refuse)
@@ -220,7 +238,7 @@ void load_startup()
         report_load_error("cannot read " + path + ": " + error);
         return;
     }
-    read_configuration(text, [](const file_line &line) { take_startup_line(line, false); }, [&path](std::uint32_t number, const std::string &what) {
+    read_configuration(text, [](const file_line &line) { take_line(line, line_state::UNTRIED); }, [&path](std::uint32_t number, const std::string &what) {
         report_load_error(path + ":" + std::to_string(number) + ": " + what);
     });
     log_line(5, "configuration " + path + ": " + std::to_string(cmdsrv().running.size()) + " lines, " +
@@ -231,7 +249,10 @@ std::string startup_path() { return opts().config.empty() ? opts().state + "/sta
 
 bool save_running(std::string &error)
 {
-    return replace_file(startup_path(), FILE_HEAD + cmdsrv().running.text(), error);
+    if (!replace_file(startup_path(), FILE_HEAD + cmdsrv().running.text(), error))
+        return false;
+    journal_rewrite();
+    return true;
 }
 
 } // namespace corvaned

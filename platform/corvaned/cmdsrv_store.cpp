@@ -91,8 +91,6 @@ std::uint64_t config_store::put(block &in, std::list<config_line>::iterator befo
     const auto at = in.lines.insert(before, std::move(line));
     in.by_key.emplace(at->key, at);
     by_id_[at->id] = {&in, at};
-    if (changed)
-        changed(*at, true);
     return at->id;
 }
 
@@ -103,8 +101,6 @@ void config_store::erase(block &in, std::list<config_line>::iterator line)
     if (found != last)
         in.by_key.erase(found);
     by_id_.erase(line->id);
-    if (changed)
-        changed(*line, false);
     in.lines.erase(line);
 }
 
@@ -130,12 +126,27 @@ std::uint64_t config_store::replace_key(block &in, config_line line)
     return put(in, before, std::move(line));
 }
 
+void config_store::tell(operation what, const std::string &interface, const std::string &text, line_state state,
+                        std::uint32_t source_line) const
+{
+    if (done)
+        done(what, interface, text, state, source_line);
+}
+
 std::uint64_t config_store::apply(const std::string &interface, const parsed_command &command, line_state state,
                                   std::uint32_t source_line)
 {
     const effect e = effect_of(command);
     if (e.change == applied_change::NOTHING)
         return 0;
+    const std::uint64_t id = change(interface, command, e, state, source_line);
+    tell(operation::APPLY, interface, (command.no ? "no " : "") + command.text, state, source_line);
+    return id;
+}
+
+std::uint64_t config_store::change(const std::string &interface, const parsed_command &command, const effect &e,
+                                   line_state state, std::uint32_t source_line)
+{
     const bool removing = e.change == applied_change::REMOVE_KEY || e.change == applied_change::REMOVE_ONE;
     if (removing && find_block(interface) == nullptr)
         return 0;
@@ -165,6 +176,7 @@ void config_store::make_interface(const std::string &interface, const grammar_co
                                   std::uint32_t source_line)
 {
     block &in = block_of(interface);
+    tell(operation::MAKE, interface, "", state, source_line);
     if (in.maker != 0) {
         by_id_[in.maker].at->state = state;
         return;
@@ -178,9 +190,20 @@ void config_store::remove_interface(const std::string &interface)
     block *in = find_block(interface);
     if (in == nullptr || interface.empty())
         return;
+    tell(operation::REMOVE_INTERFACE, interface, "");
     while (!in->lines.empty())
         erase(*in, std::prev(in->lines.end()));
     drop_empty(interface);
+}
+
+void config_store::remove_text(const std::string &interface, const std::string &full)
+{
+    std::uint64_t id = 0;
+    each_of(interface, [&](const config_line &line) {
+        if (id == 0 && line.full() == full)
+            id = line.id;
+    });
+    remove(id);
 }
 
 void config_store::remove(std::uint64_t id)
@@ -190,6 +213,7 @@ void config_store::remove(std::uint64_t id)
         return;
     const place where = found->second;
     const std::string interface = where.in->interface;
+    tell(operation::REMOVE, interface, where.at->full());
     if (where.in->maker == id)
         where.in->maker = 0;
     erase(*where.in, where.at);

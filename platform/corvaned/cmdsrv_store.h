@@ -47,6 +47,7 @@ public:
     void remove_interface(const std::string &interface);
     void remove(std::uint64_t id);
     [[nodiscard]] config_line *find(std::uint64_t id);
+    void remove_text(const std::string &interface, const std::string &full);         // the first line that is this one
 
     [[nodiscard]] std::size_t size() const { return by_id_.size(); }
     // Every line in order; lines that make an interface stand before the interface's own.
@@ -60,8 +61,9 @@ public:
     // VLANs that lines name, for completion.
     [[nodiscard]] std::vector<std::string> interfaces() const;
 
-    // Told of every change, for the journal: the line came (true) or went.
-    std::function<void(const config_line &, bool came)> changed;
+    // Told of every operation, so that it can be done again from the start. The text is as it was entered.
+    enum class operation : char { APPLY = 'A', MAKE = 'M', REMOVE_INTERFACE = 'X', REMOVE = 'R' };
+    std::function<void(operation, const std::string &interface, const std::string &text, line_state, std::uint32_t)> done;
 
 private:
     struct block {
@@ -81,6 +83,10 @@ private:
     void erase(block &in, std::list<config_line>::iterator line);
     void drop_empty(const std::string &interface);
     std::uint64_t replace_key(block &in, config_line line);
+    std::uint64_t change(const std::string &interface, const parsed_command &command, const effect &what,
+                         line_state state, std::uint32_t source_line);
+    void tell(operation what, const std::string &interface, const std::string &text,
+              line_state state = line_state::ACTIVE, std::uint32_t source_line = 0) const;
 
     block global_;
     std::list<block> interfaces_;

@@ -2,12 +2,13 @@
 #include "../cmdsrv_grammar.h"
 #include "../cmdsrv_syntax.h"
 
+#include "cmdsrv_installed.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 using namespace corvaned;
+using corvaned_test::installed_grammar;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -211,20 +212,11 @@ TEST_F(Grammar, ReportsAFileThatIsNotThere)
     EXPECT_THAT(errors[0].text, HasSubstr("No such file"));
 }
 
-namespace {
-
-std::string installed(const char *name)
-{
-    return (std::filesystem::path(__FILE__).parent_path() / "../../grammar" / name).string();
-}
-
-} // namespace
-
 TEST(InstalledGrammar, HasNoMistakes)
 {
     grammar g;
     for (const char *file : {"platform.cli", "lum.cli"})
-        for (const auto &error : g.add_file(installed(file)))
+        for (const auto &error : g.add_file(installed_grammar(file)))
             ADD_FAILURE() << error.message();
     EXPECT_TRUE(g.has_client("lum"));
     EXPECT_TRUE(g.has_client("platform"));
@@ -233,8 +225,8 @@ TEST(InstalledGrammar, HasNoMistakes)
 TEST(InstalledGrammar, GivesEveryCommandAndEveryWordHelp)
 {
     grammar g;
-    (void)g.add_file(installed("platform.cli"));
-    (void)g.add_file(installed("lum.cli"));
+    (void)g.add_file(installed_grammar("platform.cli"));
+    (void)g.add_file(installed_grammar("lum.cli"));
     for (const auto &c : g.all()) {
         EXPECT_FALSE(c.brief.empty()) << c.file << ":" << c.line;
         EXPECT_FALSE(c.effect.empty()) << c.file << ":" << c.line;
@@ -276,7 +268,7 @@ TEST(InstalledGrammar, NamesTheArgumentsAsTheHandlersReadThem)
         {"lum_rtab_command", "rtab_delete_route"},
     };
     grammar g;
-    (void)g.add_file(installed("lum.cli"));
+    (void)g.add_file(installed_grammar("lum.cli"));
     for (const auto &[handler, argument] : read) {
         bool offered = false;
         for (const auto &c : g.all())
@@ -289,7 +281,7 @@ TEST(InstalledGrammar, NamesTheArgumentsAsTheHandlersReadThem)
 TEST(InstalledGrammar, OffersEveryHandlerOfTheDaemon)
 {
     grammar g;
-    (void)g.add_file(installed("lum.cli"));
+    (void)g.add_file(installed_grammar("lum.cli"));
     std::set<std::string> handlers;
     for (const auto &c : g.all())
         handlers.insert(c.handler);

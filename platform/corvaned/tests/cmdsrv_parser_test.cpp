@@ -1,12 +1,13 @@
 // The parser: words, abbreviations, values, positions of mistakes, completion.
 #include "../cmdsrv_parser.h"
 
+#include "cmdsrv_installed.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 using namespace corvaned;
+using corvaned_test::installed_grammar;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -23,9 +24,8 @@ struct Parser : ::testing::Test {
 
     void SetUp() override
     {
-        const auto folder = std::filesystem::path(__FILE__).parent_path() / "../../grammar";
-        ASSERT_THAT(g.add_file(folder / "platform.cli"), IsEmpty());
-        ASSERT_THAT(g.add_file(folder / "lum.cli"), IsEmpty());
+        ASSERT_THAT(g.add_file(installed_grammar("platform.cli")), IsEmpty());
+        ASSERT_THAT(g.add_file(installed_grammar("lum.cli")), IsEmpty());
         live.known = [](value_type, const std::string &name) { return name == "Overlay1" || name == "n"; };
         live.list = [](value_type type) {
             std::vector<std::pair<std::string, std::string>> values;

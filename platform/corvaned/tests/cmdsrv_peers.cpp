@@ -1,10 +1,11 @@
 #include "cmdsrv_peers.h"
 
+#include "cmdsrv_installed.h"
+
 #include "../loop.h"
 #include "../options.h"
 
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <poll.h>
 #include <sys/socket.h>
@@ -268,9 +269,8 @@ void CommandServer::SetUp()
     platform_process::the();
     auto &server = cmdsrv();
     if (server.commands.all().empty()) {
-        const auto folder = std::filesystem::path(__FILE__).parent_path() / "../../grammar";
-        EXPECT_TRUE(server.commands.add_file(folder / "platform.cli").empty());
-        EXPECT_TRUE(server.commands.add_file(folder / "lum.cli").empty());
+        EXPECT_TRUE(server.commands.add_file(installed_grammar("platform.cli")).empty());
+        EXPECT_TRUE(server.commands.add_file(installed_grammar("lum.cli")).empty());
         cmdsrv_serve();
         clients_start();
         sessions_start();
