@@ -97,7 +97,7 @@ void update_ip(const lum_mac_info &mac, std::uint32_t source, std::uint32_t grou
 
 // ---- the maintenance command
 
-constexpr std::uint32_t TEST_SAP = 443;
+constexpr std::uint32_t TEST_SAP = 0;             // one that nobody else has
 mbus_q test_queue = MBUS_Q_INVALID;              // lives until the client is closed or opened anew
 
 void release_test_queue()

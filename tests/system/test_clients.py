@@ -1,5 +1,6 @@
 """The client of docs/clients.md, compiled and run as the page prints it."""
 
+import os
 import re
 import shlex
 import tempfile
@@ -36,7 +37,7 @@ class ClientOfThePage(TwoSites):
 
     def setUp(self):
         self.log = self.edge.dir / f"follower-{self.id()}"
-        self.client = self.edge.ns.spawn(self.program, log=self.log, env={"CORVANE_ROOT": str(self.edge.root)})
+        self.client = self.edge.ns.spawn(self.program, log=self.log, env={**os.environ, "CORVANE_ROOT": str(self.edge.root)})
         self.wait_for(f"overlay {self.iod} state 2")         # read from the database, so it has subscribed
 
     def tearDown(self):
