@@ -153,10 +153,12 @@ private:
     void put(std::uint32_t slot, std::uint32_t follower, std::span<const std::uint64_t> words)
     {
         slot_type &target = at(slot);
-        const std::uint32_t sequence = target.sequence.load(std::memory_order_relaxed);
-        target.sequence.store(sequence | 1, std::memory_order_relaxed);
+        const std::uint32_t sequence = target.sequence.load(std::memory_order_relaxed) | 1;
+        target.sequence.store(sequence, std::memory_order_relaxed);
         target.next.store(follower + 1, std::memory_order_release);
-        rtab_fill(target, words);
+        for (std::size_t i = 0; i < words.size(); ++i)
+            hash_.word(slot, i).store(words[i], std::memory_order_release);
+        target.sequence.store(sequence + 1, std::memory_order_release);
     }
 
     void lead_to(std::uint64_t key, std::uint32_t before, std::uint32_t slot)

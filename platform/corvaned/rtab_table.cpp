@@ -13,14 +13,14 @@ namespace {
 
 using route_words = std::array<std::uint64_t, RTAB_ROUTE_WORDS>;
 
-std::span<const std::uint64_t> build(route_words &words, std::uint64_t key, rtab_about about, std::uint64_t time_ns,
+std::span<const std::uint64_t> build(route_words &words, std::uint64_t key, rtab_about about, std::uint64_t time,
                                      std::span<const rtab_addr> nexthops)
 {
     about.nexthop_count = static_cast<std::uint8_t>(nexthops.size());
     about.live = true;
     words[0] = key;
     words[1] = rtab_about_word(about);
-    words[RTAB_ROUTE_TIME] = time_ns;
+    words[RTAB_ROUTE_TIME] = time;
     std::size_t at = RTAB_ROUTE_NEXTHOP;
     for (const rtab_addr &nexthop : nexthops) {
         words[at + RTAB_NEXTHOP_WORDS - 1] = 0;
@@ -30,11 +30,11 @@ std::span<const std::uint64_t> build(route_words &words, std::uint64_t key, rtab
     return std::span(words).first(at);
 }
 
-std::vector<rtab_addr> nexthops_of(const rtab_route_slot &slot)
+std::vector<rtab_addr> nexthops_of(const rtab_routes &routes, const rtab_route_slot &slot)
 {
     std::vector<rtab_addr> result(std::min<std::size_t>(rtab_slot_about(slot).nexthop_count, RTAB_MAX_NEXTHOPS));
     for (std::size_t i = 0; i < result.size(); ++i)
-        rtab_nexthop_load(slot, i, result[i]);
+        rtab_nexthop_load(routes, slot, i, result[i]);
     return result;
 }
 
@@ -95,8 +95,8 @@ void rtab_table::adopt_routes(std::uint64_t now_ns)
         // A writer that died while it moved a record leaves two of them; the first is the newer.
         const bool twice = std::ranges::any_of(
             earlier, [&](std::uint32_t other) { return same_route(routes_.at(other), slot); });
-        if (sound && slot.word[RTAB_ROUTE_TIME].load() > now_ns)
-            slot.word[RTAB_ROUTE_TIME].store(now_ns);
+        if (sound && slot.word[RTAB_ROUTE_TIME].load() > rtab_time_word(now_ns))
+            slot.word[RTAB_ROUTE_TIME].store(rtab_time_word(now_ns));
         return sound && !twice;
     });
 }
@@ -131,15 +131,15 @@ rtab_table::result rtab_table::learn(std::uint32_t owner, std::uint64_t key, con
     const bool stands_first = old.slot == RTAB_NO_SLOT || learnt_place(key) == old.before;
     if (old.slot != RTAB_NO_SLOT && stands_first) {
         rtab_route_slot &slot = routes_.at(old.slot);
-        if (rtab_addr_equal(nexthops_of(slot).front(), nexthop)) {
-            slot.word[RTAB_ROUTE_TIME].store(now_ns, std::memory_order_release);
+        if (rtab_addr_equal(nexthops_of(shared_.routes, slot).front(), nexthop)) {
+            slot.word[RTAB_ROUTE_TIME].store(rtab_time_word(now_ns), std::memory_order_release);
             return result::DONE;
         }
     } else if (old.slot == RTAB_NO_SLOT && routes_.live() >= RTAB_ROUTES_MAX) {
         return result::FULL;
     }
     route_words words;
-    const auto record = build(words, key, {.owner = owner}, now_ns, {&nexthop, 1});
+    const auto record = build(words, key, {.owner = owner}, rtab_time_word(now_ns), {&nexthop, 1});
     if (old.slot != RTAB_NO_SLOT && stands_first)
         return routes_.replace(old, record) ? result::DONE : result::FULL;
     if (!routes_.insert(learnt_place(key), record))
@@ -211,7 +211,7 @@ rtab_table::result rtab_table::withdraw(std::uint32_t owner, std::uint64_t key) 
 std::vector<rtab_addr> rtab_table::operator_nexthops(std::uint32_t owner, std::uint64_t key)
 {
     const auto route = find(owner, key, true);
-    return route.slot == RTAB_NO_SLOT ? std::vector<rtab_addr>{} : nexthops_of(routes_.at(route.slot));
+    return route.slot == RTAB_NO_SLOT ? std::vector<rtab_addr>{} : nexthops_of(shared_.routes, routes_.at(route.slot));
 }
 
 void rtab_table::forget_iod(std::uint32_t iod)
@@ -227,7 +227,7 @@ void rtab_table::forget_in_routes(std::uint32_t iod)
         const rtab_about about = rtab_slot_about(slot);
         if (!about.live)
             continue;
-        std::vector<rtab_addr> nexthops = nexthops_of(slot);
+        std::vector<rtab_addr> nexthops = nexthops_of(shared_.routes, slot);
         if (std::erase_if(nexthops, [&](const rtab_addr &n) { return leads_over(n, iod); }) == 0)
             continue;
         const std::uint64_t key = routes_.key_of(number);

@@ -38,17 +38,22 @@ timestamp present()
     return {static_cast<std::uint32_t>(now.tv_sec), static_cast<std::uint32_t>(now.tv_nsec)};
 }
 
-bool find(const rtab_mac_info &key, rtab_route &out)
+// `also(slot)` takes more of the record that is found, as part of the same copy.
+template <class Also> bool find(const rtab_mac_info &key, rtab_route &out, Also also)
 {
     const rtab_shared *shared = table.load(std::memory_order_acquire);
     if (shared == nullptr || key.vlan > RTAB_VLAN_MAX)
         return false;
-    const std::uint64_t seed = shared->seed.load(std::memory_order_relaxed);
-    if (!rtab_find(shared->routes, seed, rtab_key(key), [&](const auto &slot) { rtab_route_load(slot, out); }))
+    const auto copy = [&](const rtab_route_slot &slot) {
+        rtab_route_load(shared->routes, slot, out);
+        also(shared->routes, slot);
+    };
+    if (!rtab_find(shared->routes, shared->seed.load(std::memory_order_relaxed), rtab_key(key), copy))
         return false;
+    out.key = key;
     if (out.is_static != 0)
         out.data_seen = present();
-    return out.nexthop_count != 0;
+    return true;
 }
 
 bool send(byte_view header, byte_view elements)
@@ -92,10 +97,11 @@ void rtab_release_rdlock() {}
 const rtab_route *rtab_get_route(const rtab_mac_info &key, std::uint32_t flow, rtab_addr &nexthop)
 {
     rtab_route &route = answer_get;
-    if (!find(key, route))
-        return nullptr;
-    nexthop = route.nexthop[route.nexthop_count == 1 ? 0 : flow % route.nexthop_count];
-    return &route;
+    const auto choose = [&](const rtab_routes &routes, const rtab_route_slot &slot) {
+        const std::uint32_t count = route.nexthop_count;
+        rtab_nexthop_load(routes, slot, count <= 1 ? 0 : flow % count, nexthop);
+    };
+    return find(key, route, choose) ? &route : nullptr;
 }
 
 const rtab_mroute *rtab_get_mroute(const rtab_mac_info &key)
@@ -122,7 +128,7 @@ const rtab_route *rtab_does_nh_exist(const rtab_mac_info &key, const rtab_addr &
 {
     rtab_route &route = answer_exists;
     exists = false;
-    if (!find(key, route))
+    if (!find(key, route, [](const rtab_routes &, const rtab_route_slot &) {}))
         return nullptr;
     const auto end = route.nexthop.begin() + route.nexthop_count;
     exists = std::any_of(route.nexthop.begin(), end, [&](const rtab_addr &n) { return rtab_addr_equal(n, nexthop); });

@@ -44,7 +44,7 @@ template <std::size_t Words, std::size_t Size> struct alignas(64) rtab_slot {
     std::atomic<std::uint32_t> sequence;
     std::atomic<std::uint32_t> next;
     std::atomic<std::uint64_t> word[Words];
-    std::uint8_t padding[Size - 8 - 8 * Words];
+    static_assert(8 + 8 * Words <= Size && Size % 64 == 0);
 };
 
 // Word 0 of every record: VLAN << 48 | MAC, most significant byte first. Word 1: see rtab_about.
@@ -81,11 +81,13 @@ inline rtab_about rtab_about_of(std::uint64_t word)
             (word >> 41 & 1) != 0};
 }
 
-// A MAC route: key, about, data time in ns, then four words a next hop. With one next hop it fills one cache line.
+// A MAC route: key, about, data time, then four words a next hop. The first next hop fills the slot's cache line;
+// further ones stand in an array beside the slots, so that a table of ordinary routes stays small in the caches.
 inline constexpr std::size_t RTAB_ROUTE_TIME = 2, RTAB_ROUTE_NEXTHOP = 3, RTAB_NEXTHOP_WORDS = 4;
 inline constexpr std::size_t RTAB_ROUTE_WORDS = RTAB_ROUTE_NEXTHOP + RTAB_NEXTHOP_WORDS * RTAB_MAX_NEXTHOPS;
-using rtab_route_slot = rtab_slot<RTAB_ROUTE_WORDS, 320>;
-static_assert(sizeof(rtab_route_slot) == 320);
+inline constexpr std::size_t RTAB_ROUTE_SLOT_WORDS = RTAB_ROUTE_NEXTHOP + RTAB_NEXTHOP_WORDS;
+using rtab_route_slot = rtab_slot<RTAB_ROUTE_SLOT_WORDS, 64>;
+static_assert(sizeof(rtab_route_slot) == 64);
 
 // The interfaces that get a group's frames: key, about, 768 bits. One record a key, whatever sources there are.
 inline constexpr std::size_t RTAB_MCAST_OIFS = 2, RTAB_MCAST_WORDS = RTAB_MCAST_OIFS + RTAB_OIF_WORDS;
@@ -110,9 +112,29 @@ template <class Slot, std::uint32_t Buckets, std::uint32_t Slots> struct rtab_ha
     std::uint32_t reserved[15];
     rtab_bucket bucket[Buckets];
     Slot slot[Slots];
+
+    std::atomic<std::uint64_t> &word(std::uint32_t number, std::size_t at) { return slot[number].word[at]; }
 };
-using rtab_routes = rtab_hash<rtab_route_slot, RTAB_BUCKETS, RTAB_SLOTS>;
 using rtab_mcasts = rtab_hash<rtab_mcast_slot, RTAB_MCAST_BUCKETS, RTAB_MCAST_SLOTS>;
+
+// The words beyond a slot's own belong to the record like the others: the slot's sequence guards them.
+struct rtab_routes : rtab_hash<rtab_route_slot, RTAB_BUCKETS, RTAB_SLOTS> {
+    struct further {
+        std::atomic<std::uint64_t> word[RTAB_ROUTE_WORDS - RTAB_ROUTE_SLOT_WORDS];
+    };
+    further more[RTAB_SLOTS];
+
+    std::atomic<std::uint64_t> &word(std::uint32_t number, std::size_t at)
+    {
+        return at < RTAB_ROUTE_SLOT_WORDS ? slot[number].word[at] : more[number].word[at - RTAB_ROUTE_SLOT_WORDS];
+    }
+    [[nodiscard]] const std::atomic<std::uint64_t> *nexthop_words(const rtab_route_slot &of, std::size_t n) const
+    {
+        if (n == 0)
+            return of.word + RTAB_ROUTE_NEXTHOP;
+        return more[&of - slot].word + RTAB_NEXTHOP_WORDS * (n - 1);
+    }
+};
 
 // Pages that were never written take no memory, and slots are taken from the front: what is resident follows the
 // number of routes, not the capacity.
@@ -127,7 +149,7 @@ struct rtab_shared {
     rtab_mcasts mcasts;
     rtab_routes routes;
 };
-inline constexpr std::uint64_t RTAB_MAGIC = 0x4352544142303031;
+inline constexpr std::uint64_t RTAB_MAGIC = 0x4352544142303032;
 
 template <class Hash> std::uint32_t rtab_bucket_of(std::uint64_t key, std::uint64_t seed)
 {
@@ -170,30 +192,35 @@ template <class Hash, class Copy> bool rtab_find(const Hash &hash, std::uint64_t
     return false;
 }
 
-inline void rtab_nexthop_load(const rtab_route_slot &slot, std::size_t n, rtab_addr &out)
+// Word by word as they are loaded: what is stored in pieces and read back in one must wait until the stores are done,
+// and with them for every cache miss before.
+inline void rtab_nexthop_load(const rtab_routes &routes, const rtab_route_slot &slot, std::size_t n, rtab_addr &out)
 {
-    std::array<std::uint64_t, RTAB_NEXTHOP_WORDS> words;
-    for (std::size_t i = 0; i < words.size(); ++i)
-        words[i] = slot.word[RTAB_ROUTE_NEXTHOP + RTAB_NEXTHOP_WORDS * n + i].load(std::memory_order_acquire);
-    std::memcpy(static_cast<void *>(&out), words.data(), sizeof out);
+    const std::atomic<std::uint64_t> *from = routes.nexthop_words(slot, n);
+    auto *to = reinterpret_cast<std::uint8_t *>(&out);
+    for (std::size_t i = 0; i + 1 < RTAB_NEXTHOP_WORDS; ++i) {
+        const std::uint64_t word = from[i].load(std::memory_order_acquire);
+        std::memcpy(to + 8 * i, &word, 8);
+    }
+    const auto last = static_cast<std::uint32_t>(from[RTAB_NEXTHOP_WORDS - 1].load(std::memory_order_acquire));
+    std::memcpy(to + 8 * (RTAB_NEXTHOP_WORDS - 1), &last, sizeof last);
 }
+static_assert(sizeof(rtab_addr) == 8 * (RTAB_NEXTHOP_WORDS - 1) + 4);
 
-inline timestamp rtab_time(std::uint64_t ns)
-{
-    return {static_cast<std::uint32_t>(ns / 1'000'000'000), static_cast<std::uint32_t>(ns % 1'000'000'000)};
-}
+// Data times as they stand in a record: seconds << 32 | nanoseconds.
+inline std::uint64_t rtab_time_word(std::uint64_t ns) { return (ns / 1'000'000'000) << 32 | ns % 1'000'000'000; }
 
-// An operator's route carries data time 0; its time is the reader's present.
-inline void rtab_route_load(const rtab_route_slot &slot, rtab_route &out)
+// All but the key. An operator's route carries data time 0; its time is the reader's present.
+inline void rtab_route_load(const rtab_routes &routes, const rtab_route_slot &slot, rtab_route &out)
 {
-    out.key = rtab_key_info(slot.word[0].load(std::memory_order_acquire));
     const rtab_about about = rtab_about_of(slot.word[1].load(std::memory_order_acquire));
     out.owner = about.owner;
     out.is_static = about.is_static ? 1 : 0;
-    out.data_seen = rtab_time(slot.word[RTAB_ROUTE_TIME].load(std::memory_order_acquire));
+    const std::uint64_t time = slot.word[RTAB_ROUTE_TIME].load(std::memory_order_acquire);
+    out.data_seen = {static_cast<std::uint32_t>(time >> 32), static_cast<std::uint32_t>(time)};
     out.nexthop_count = about.nexthop_count < RTAB_MAX_NEXTHOPS ? about.nexthop_count : RTAB_MAX_NEXTHOPS;
     for (std::size_t i = 0; i < out.nexthop_count; ++i)
-        rtab_nexthop_load(slot, i, out.nexthop[i]);
+        rtab_nexthop_load(routes, slot, i, out.nexthop[i]);
 }
 
 // The next live record at or behind slot number `position`, which is moved behind it. Records that are replaced during
@@ -206,8 +233,10 @@ inline bool rtab_walk(const rtab_routes &routes, std::uint64_t &position, rtab_r
         for (int attempt = 0; attempt < RTAB_READ_ATTEMPTS; ++attempt) {
             const std::uint32_t before = slot.sequence.load(std::memory_order_acquire);
             const bool live = rtab_about_of(slot.word[1].load(std::memory_order_acquire)).live;
-            if (live)
-                rtab_route_load(slot, out);
+            if (live) {
+                out.key = rtab_key_info(slot.word[0].load(std::memory_order_acquire));
+                rtab_route_load(routes, slot, out);
+            }
             if ((before & 1) != 0 || slot.sequence.load(std::memory_order_relaxed) != before)
                 continue;
             if (live)

@@ -218,6 +218,17 @@ TEST_F(OverlayInterfaces, AreCreatedUpOnceAndAnnounced)
                             corvane::INTERFACE_TUNNEL);
 }
 
+TEST_F(OverlayInterfaces, HaveAnIfindexThatNoDeviceHas)
+{
+    manager->make_overlay("Overlay1");
+    const std::uint32_t ifindex = record_of(1).ifindex;
+
+    EXPECT_GE(ifindex, corvane::INTERFACE_OVERLAY_IFINDEX);
+    EXPECT_EQ(corvane::interface_by_ifindex(*table, ifindex), 1u);
+    manager->remove_overlay("Overlay1");
+    EXPECT_EQ(corvane::interface_by_ifindex(*table, ifindex), 0u);
+}
+
 TEST_F(OverlayInterfaces, GoWithTheDeletionAlone)
 {
     manager->make_overlay("Overlay1");

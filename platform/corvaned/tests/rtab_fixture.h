@@ -65,8 +65,9 @@ private:
 inline std::optional<rtab_route> look_up(const corvane::rtab_shared &shared, std::uint64_t wanted)
 {
     rtab_route route;
+    route.key = corvane::rtab_key_info(wanted);
     const bool found = corvane::rtab_find(shared.routes, shared.seed.load(), wanted,
-                                          [&](const auto &slot) { corvane::rtab_route_load(slot, route); });
+                                          [&](const auto &slot) { corvane::rtab_route_load(shared.routes, slot, route); });
     return found ? std::optional(route) : std::nullopt;
 }
 

@@ -310,7 +310,7 @@ TEST_F(RtabAdoption, KeepsTheNewerOfARecordThatWasBeingMoved)
     (void)table.learn(LUM, key(10, 1), by_iod(5), now);
     auto &routes = shared().routes;
     const std::uint32_t old = 0, fresh = routes.used.fetch_add(1);
-    for (std::size_t i = 0; i < corvane::RTAB_ROUTE_WORDS; ++i)
+    for (std::size_t i = 0; i < corvane::RTAB_ROUTE_SLOT_WORDS; ++i)
         routes.slot[fresh].word[i].store(routes.slot[old].word[i].load());
     routes.slot[fresh].word[corvane::RTAB_ROUTE_NEXTHOP].store(1 | std::uint64_t{6} << 32);
     routes.slot[fresh].next.store(old + 1);
