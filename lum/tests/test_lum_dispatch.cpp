@@ -62,7 +62,7 @@ TEST_F(LumDispatch, TakesRouteTableNotificationsAsDone)
 TEST_F(LumDispatch, ReportsThreeKindsAsNotHandledAlthoughTheirWorkIsDone)
 {
     vlan_entry();
-    platform.add_interface(PORT_A, "eth1", {.switchport = true});
+    platform.add_interface(PORT_A, "portA", {.switchport = true});
     EXPECT_EQ(dispatch(0x5C0C, platform.membership(VLAN, {{VLAN, 1000 + PORT_A}})), -1);
     EXPECT_TRUE(bitfield_test(*lum_vlans[VLAN].ports, PORT_A));
     EXPECT_EQ(dispatch(0xF407, platform.l2_states({{PORT_A, 0x10000, 1, {VLAN}, {}}})), -1);

@@ -11,7 +11,7 @@ protected:
     LumVlan()
     {
         for (const std::uint32_t iod : {PORT_A, PORT_B, PORT_C})
-            platform.add_interface(iod, "eth" + std::to_string(iod),
+            platform.add_interface(iod, std::string("port") + "?ABC"[iod],     // no device answers to ethA to ethC
                                    {.switchport = true, .short_name = "e" + std::to_string(iod)});
         lum_event_debug_flag = 1;
     }
