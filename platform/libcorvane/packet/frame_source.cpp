@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -15,14 +14,7 @@ namespace corvane {
 
 namespace {
 
-// What an epoll event is about: a descriptor of our own, else the ring with that descriptor.
-void watch(int epoll_fd, int fd)
-{
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.fd = fd;
-    (void)epoll_ctl(epoll_fd, EPOLL_CTL_ADD, fd, &event);
-}
+enum fixed_descriptor : std::size_t { WAKE, CHANGE, TUNNEL_IPV4, TUNNEL_IPV6, FIRST_PORT };
 
 void drain(int fd)
 {
@@ -71,14 +63,12 @@ static_assert(NET_L2_MSG_FRAME <= gre_input::HEADROOM);
 
 frame_source::frame_source()
     : big_(std::make_unique_for_overwrite<std::uint8_t[]>(BIG_HEADROOM + BIG_FRAME)),
-      epoll_fd_(epoll_create1(EPOLL_CLOEXEC)), change_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+      change_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
-    watch(epoll_fd_, change_fd_);
 }
 
 frame_source::~frame_source()
 {
-    close(epoll_fd_);
     close(change_fd_);
 }
 
@@ -94,7 +84,7 @@ bool frame_source::open_port(std::uint32_t iod, std::uint32_t ifindex)
     made->iod = iod;
     if (!made->ring.open(ifindex))
         return false;
-    watch(epoll_fd_, made->ring.fd());
+    descriptors_changed_ = true;
     ports_.push_back(std::move(made));
     return true;
 }
@@ -110,6 +100,7 @@ void frame_source::close_ports(const interface_table &table)
             super_port_ = nullptr;
         }
     ports_.erase(gone, ports_.end());
+    descriptors_changed_ = true;
 }
 
 void frame_source::follow_ports()
@@ -256,10 +247,7 @@ void frame_source::follow_tunnel()
     if (overlays_use_gre() == (tunnel_ != nullptr))
         return;
     tunnel_ = tunnel_ == nullptr ? std::make_unique<gre_input>() : nullptr;
-    if (tunnel_ != nullptr) {
-        watch(epoll_fd_, tunnel_->fd4());
-        watch(epoll_fd_, tunnel_->fd6());
-    }
+    descriptors_changed_ = true;
 }
 
 // One of the sockets a lot, in turns, with a look at the other when the first had nothing.
@@ -295,34 +283,33 @@ void frame_source::take_lot()
 
 // ---- the queue's side
 
-void frame_source::watch_wake(int wake_fd)
+void frame_source::list_descriptors(int wake_fd)
 {
-    if (watched_wake_fd_ == wake_fd)
+    if (!descriptors_changed_ && descriptors_[WAKE].fd == wake_fd)
         return;
-    if (watched_wake_fd_ >= 0)
-        (void)epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, watched_wake_fd_, nullptr);
-    watch(epoll_fd_, wake_fd);
-    watched_wake_fd_ = wake_fd;
+    descriptors_.assign(FIRST_PORT, {-1, POLLIN, 0});
+    descriptors_[WAKE].fd = wake_fd;
+    descriptors_[CHANGE].fd = change_fd_;
+    if (tunnel_ != nullptr) {
+        descriptors_[TUNNEL_IPV4].fd = tunnel_->fd4();
+        descriptors_[TUNNEL_IPV6].fd = tunnel_->fd6();
+    }
+    for (const auto &p : ports_)
+        descriptors_.push_back({p->ring.fd(), POLLIN, 0});
+    descriptors_changed_ = false;
 }
 
 bool frame_source::wait(int wake_fd)
 {
-    watch_wake(wake_fd);
-    std::array<epoll_event, 16> events{};
-    const int n = epoll_wait(epoll_fd_, events.data(), static_cast<int>(events.size()), -1);
-    bool woken = false;
-    for (int i = 0; i < n; ++i) {
-        const epoll_event &event = events[static_cast<std::size_t>(i)];
-        if (event.data.fd == change_fd_)
-            drain(change_fd_);
-        else if (event.data.fd == wake_fd)
-            woken = true;
-        else if ((event.events & (EPOLLERR | EPOLLHUP)) != 0)
-            for (const auto &p : ports_)
-                if (p->ring.fd() == event.data.fd)
-                    p->ring.clear_error();
-    }
-    return woken;
+    list_descriptors(wake_fd);
+    if (poll(descriptors_.data(), descriptors_.size(), -1) <= 0)
+        return false;
+    if (descriptors_[CHANGE].revents != 0)
+        drain(change_fd_);
+    for (std::size_t i = 0; i < ports_.size(); ++i)
+        if ((descriptors_[FIRST_PORT + i].revents & (POLLERR | POLLHUP)) != 0)
+            ports_[i]->ring.clear_error();
+    return descriptors_[WAKE].revents != 0;
 }
 
 void frame_source::cut_segment(message &m)

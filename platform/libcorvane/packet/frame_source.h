@@ -12,6 +12,7 @@
 #include <array>
 #include <atomic>
 #include <memory>
+#include <poll.h>
 #include <vector>
 
 namespace corvane {
@@ -23,7 +24,7 @@ class frame_source final : public mbus_local_source {
 public:
     frame_source();
     ~frame_source();
-    [[nodiscard]] bool ready() const { return epoll_fd_ >= 0 && change_fd_ >= 0; }
+    [[nodiscard]] bool ready() const { return change_fd_ >= 0; }
 
     // A message is good until its drop, and no longer than until the lot after it is taken.
     local_receive receive(mbus_msg &out, int wake_fd) override;
@@ -66,7 +67,7 @@ private:
     void finish_lot();
     void cut_segment(message &m);
     [[nodiscard]] bool wait(int wake_fd);
-    void watch_wake(int wake_fd);
+    void list_descriptors(int wake_fd);
     [[nodiscard]] message *find(const mbus_msg &msg);
     [[nodiscard]] bool open_port(std::uint32_t iod, std::uint32_t ifindex);
     void close_ports(const interface_table &table);
@@ -92,7 +93,11 @@ private:
     std::unique_ptr<gre_input> tunnel_;      // while an overlay is in GRE format
     bool tunnel_turn_ = false;               // which of its two sockets is asked first
 
-    int epoll_fd_ = -1, change_fd_ = -1, watched_wake_fd_ = -1;
+    // What a wait polls: wake, change, tunnel (two, -1 without one), then the ports in their order. Polled and not kept
+    // in an epoll set: that would cost every frame a callback, also while nobody waits.
+    std::vector<pollfd> descriptors_;
+    bool descriptors_changed_ = true;
+    int change_fd_ = -1;
 };
 
 } // namespace corvane
