@@ -24,8 +24,8 @@ void lum_check_publish_notify(lum_overlay &overlay) LUM_LOCKED;
 void lum_publish_notify_check(lum_overlay &overlay) LUM_LOCKED;
 
 // The IPv4 group of an overlay, host order, 0 = none.
-inline std::uint32_t lum_overlay_ipv4_group(const lum_overlay &overlay) { return lum_next_hop_ipv4(overlay.ipv4_group); }
-inline ipv6_address lum_overlay_ipv6_group(const lum_overlay &overlay) { return lum_next_hop_ipv6(overlay.ipv6_group); }
+inline std::uint32_t lum_overlay_ipv4_group(const lum_overlay &o) { return lum_next_hop_ipv4(o.ipv4_group); }
+inline ipv6_address lum_overlay_ipv6_group(const lum_overlay &o) { return lum_next_hop_ipv6(o.ipv6_group); }
 inline bool lum_is_zero(const ipv6_address &address) { return address == ipv6_address{}; }
 
 // VLANs of an overlay's set in ascending order. VLAN 0 is none of them.

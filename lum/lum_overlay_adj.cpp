@@ -201,8 +201,7 @@ void lum_reassign_ordinals(lum_overlay &overlay)
         if (adj->local != 0)
             overlay.local_ordinal = adj->ordinal;
     }
-    // Deliberate: without a local entry the ordinal of before stays, so that a device that has lost its own adjacency
-    // does not take over VLANs.
+    // Deliberate: without a local entry the ordinal of before stays.
 }
 
 void lum_recompute_aed(lum_overlay &overlay)

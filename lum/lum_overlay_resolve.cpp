@@ -10,8 +10,8 @@
 namespace
 {
 
-// Leaves and joins on the overlay's external interface. The group that is left is the given one and the current one
-// is never left: deliberate, kept for the peers that count on the previous group until the interface goes.
+// Leaves and joins on the overlay's external interface. Deliberate: the group that is left is the given one and never
+// the current one, so what is sent to the previous group is received until the interface goes.
 void change_ipv4_group(const lum_overlay &overlay, std::uint32_t group)
 {
     const std::uint32_t iod = overlay.ext_if[0].iod, current = lum_overlay_ipv4_group(overlay);

@@ -42,7 +42,8 @@ void put_groups(overlay_value &value, const lum_overlay &overlay)
     wire_put_host<LUM_SDB_OVERLAY_IPV4_GROUP>(std::span{value}, lum_next_hop_ipv4(overlay.ipv4_group));
     wire_put_host<LUM_SDB_OVERLAY_IPV6_GROUP_FAMILY>(std::span{value}, LUM_FAMILY_IPV6);
     // Deliberate: the group record from its second word on, so the address begins 8 bytes in and is cut to 8 bytes.
-    std::memcpy(&value[LUM_SDB_OVERLAY_IPV6_GROUP.at], overlay.ipv6_group.body.data(), LUM_SDB_OVERLAY_IPV6_GROUP.width);
+    std::memcpy(&value[LUM_SDB_OVERLAY_IPV6_GROUP.at], overlay.ipv6_group.body.data(),
+                LUM_SDB_OVERLAY_IPV6_GROUP.width);
 }
 
 overlay_value build_overlay_value(const lum_overlay &overlay)

@@ -47,7 +47,7 @@ int delete_route(const lum_mac_info &mac, const route_arguments &arguments, bool
 
 int add_route(cli_cmd *cmd, const lum_mac_info &mac, const route_arguments &arguments, bool multicast) LUM_LOCKED
 {
-    // A next hop given twice counts twice, deliberate: it weighs twice too.
+    // A next hop given twice counts twice, deliberate: routes are not compared with those that are there.
     if (!multicast && lum_get_static_ecmp(mac) >= STATIC_NEXT_HOPS_MAX) {
         cli_cmd_printf(cmd, "Maximum supported next-hops for static entries is %d\n",
                        static_cast<int>(STATIC_NEXT_HOPS_MAX));

@@ -136,7 +136,9 @@ bool lum_copy_from_mac_info_string(const char *text, lum_mac_info &info)
     lum_mac_info parsed;
     const char *end = text + slash;
     const auto [stop, error] = std::from_chars(text, end, parsed.vlan);
-    if (error != std::errc{} || stop != end || parsed.vlan >= LUM_VLANS || !parse_mac(whole.substr(slash + 1), parsed.mac))
+    if (error != std::errc{} || stop != end || parsed.vlan >= LUM_VLANS)
+        return false;
+    if (!parse_mac(whole.substr(slash + 1), parsed.mac))
         return false;
     info = parsed;
     return true;

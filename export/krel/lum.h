@@ -65,7 +65,7 @@ inline constexpr std::size_t LUM_ADJ_NOTIFY_SIZE = 48;
 inline constexpr lum_wire_field LUM_ADJ_NOTIFY_IOD{0, 4};       // overlay interface
 inline constexpr lum_wire_field LUM_ADJ_NOTIFY_ADDRESS{8, 28};  // address record of the remote edge device
 inline constexpr lum_wire_field LUM_ADJ_NOTIFY_SYSTEM_ID{36, 6};
-inline constexpr lum_wire_field LUM_ADJ_NOTIFY_TUNNEL{44, 4};   // iod of the static tunnel to it, 0 = none; 0 in a delete
+inline constexpr lum_wire_field LUM_ADJ_NOTIFY_TUNNEL{44, 4};   // iod of the static tunnel, 0 = none; 0 in a delete
 static_assert(LUM_ADJ_NOTIFY_TUNNEL.at + LUM_ADJ_NOTIFY_TUNNEL.width == LUM_ADJ_NOTIFY_SIZE);
 
 // ---- VLAN notification: LUM_OPC_VLANS. A head, then `count` elements; no element is a valid message.
@@ -76,7 +76,7 @@ inline constexpr lum_wire_field LUM_VLANS_COUNT{4, 4};
 inline constexpr std::size_t LUM_VLANS_ELEMENT_SIZE = 12;
 inline constexpr lum_wire_field LUM_VLANS_ELEMENT_VLAN{0, 4};
 inline constexpr lum_wire_field LUM_VLANS_ELEMENT_IOD{4, 4};    // overlay that carries the VLAN now, 0 = none
-inline constexpr lum_wire_field LUM_VLANS_ELEMENT_AED{8, 4};    // 1: this device is the VLAN's authoritative edge device
+inline constexpr lum_wire_field LUM_VLANS_ELEMENT_AED{8, 4};    // 1: this device is authoritative for the VLAN
 
 // ---- adjacency request: LUM_OPC_ADJ_ADD, LUM_OPC_ADJ_DELETE. A shorter one is dropped.
 

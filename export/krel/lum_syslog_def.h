@@ -1,4 +1,4 @@
-// The daemon's messages as readers of the log meet them. A line begins "<<%LUM-<severity>-<tag>>> " and its text follows.
+// The messages as readers of the log meet them. A line begins "<<%LUM-<severity>-<tag>>> " and its text follows.
 // Severities are those of syslog.
 #pragma once
 

@@ -179,8 +179,10 @@ private:
             const auto *entry = reinterpret_cast<const lum_static_entry *>(lum_staticQ.head);
             lum_delete_static_route(lum_mac_info{entry->mac}, lum_addr{entry->next_hop});
         }
-        while (lum_static_tunnelQ.head != nullptr)
-            lum_delete_static_tunnel(lum_addr{reinterpret_cast<const lum_static_entry *>(lum_static_tunnelQ.head)->next_hop});
+        while (lum_static_tunnelQ.head != nullptr) {
+            const auto *tunnel = reinterpret_cast<const lum_static_entry *>(lum_static_tunnelQ.head);
+            lum_delete_static_tunnel(lum_addr{tunnel->next_hop});
+        }
     }
     static void clear_globals()
     {

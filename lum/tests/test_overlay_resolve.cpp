@@ -123,7 +123,8 @@ TEST_F(LumResolveExtIf, ReadsAddressesAndContextOfANewInterfaceAndBringsTheOverl
     EXPECT_EQ(overlay.ext_ipv6, ipv6("2001:db8::5"));
     EXPECT_EQ(overlay.context_id, 7u);
     EXPECT_EQ(overlay.state, 2u);
-    EXPECT_THAT(group_calls(), ElementsAre("ip_group_join(5, " + GROUP_NUMBER + ")", "ipv6_group_join(5, " + ZERO6 + ")"));
+    EXPECT_THAT(group_calls(),
+                ElementsAre("ip_group_join(5, " + GROUP_NUMBER + ")", "ipv6_group_join(5, " + ZERO6 + ")"));
     EXPECT_THAT(told(), ElementsAre("publish 2", "notify 78854", "notify 78853"));
     EXPECT_THAT(platform.trace_texts(),
                 IsSupersetOf({"Overlay1 external interface eth5 resolved to iod 5\n",
@@ -140,7 +141,8 @@ TEST_F(LumResolveExtIf, TheSameInterfaceAgainRemainsAndIsNotReadAgain)
     EXPECT_EQ(platform.called("ip_if_address_get"), 0u);
     EXPECT_THAT(told(), IsEmpty());
     EXPECT_THAT(platform.trace_texts(), ElementsAre("Overlay1 external interface eth5 resolved, remained iod 5\n"));
-    EXPECT_THAT(group_calls(), ElementsAre("ip_group_join(5, " + GROUP_NUMBER + ")", "ipv6_group_join(5, " + ZERO6 + ")"));
+    EXPECT_THAT(group_calls(),
+                ElementsAre("ip_group_join(5, " + GROUP_NUMBER + ")", "ipv6_group_join(5, " + ZERO6 + ")"));
 }
 
 TEST_F(LumResolveExtIf, AnUnknownNameStaysUnresolvedAndTheOverlayDown)
@@ -184,7 +186,8 @@ TEST_F(LumResolveByName, AnInterfaceThatAppearsLaterResolvesAndBringsTheOverlayU
     EXPECT_EQ(overlay.ext_ipv4, ipv4(192, 0, 2, 6));
     EXPECT_EQ(overlay.ext_ipv6, ipv6("2001:db8::6"));
     EXPECT_EQ(overlay.context_id, 3u);
-    EXPECT_THAT(group_calls(), ElementsAre("ip_group_join(6, " + GROUP_NUMBER + ")", "ipv6_group_join(6, " + ZERO6 + ")"));
+    EXPECT_THAT(group_calls(),
+                ElementsAre("ip_group_join(6, " + GROUP_NUMBER + ")", "ipv6_group_join(6, " + ZERO6 + ")"));
     EXPECT_THAT(told(), ElementsAre("publish 2", "notify 78854", "notify 78853"));
     // It writes no trace of its own: the only line is the publication's.
     EXPECT_THAT(platform.trace_texts(), ElementsAre("Updating overlay Overlay1 to SDB\n"));

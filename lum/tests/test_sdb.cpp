@@ -271,7 +271,8 @@ TEST_F(LumUpdateOneSdb, WritesAnnouncesTheContextAndMarksTheWriteDone)
     std::vector<std::string> order;
     for (const call_record &call : platform.calls)
         order.push_back(call.name);
-    EXPECT_THAT(order, ElementsAre("sdb_write", "sdb_get_context_len", "sdb_set_context", "mbus_send", "sdb_write_done"));
+    EXPECT_THAT(order,
+                ElementsAre("sdb_write", "sdb_get_context_len", "sdb_set_context", "mbus_send", "sdb_write_done"));
     EXPECT_THAT(platform.traces, IsEmpty());
 }
 

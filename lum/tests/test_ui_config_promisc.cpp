@@ -34,7 +34,10 @@ struct LumPromiscuous : ControlTest {
         close(home);
     }
 
-    static void shell(const std::string &line) { ASSERT_EQ(std::system((line + " >/dev/null 2>&1").c_str()), 0) << line; }
+    static void shell(const std::string &line)
+    {
+        ASSERT_EQ(std::system((line + " >/dev/null 2>&1").c_str()), 0) << line;
+    }
     static void add_device(const std::string &name, const std::string &more = "")
     {
         shell("ip link add " + name + " " + more + " type veth peer name p" + name);
@@ -44,8 +47,8 @@ struct LumPromiscuous : ControlTest {
     // How many users hold the device promiscuous, -1 when there is no such device.
     static int promiscuity(const std::string &device)
     {
-        const std::unique_ptr<FILE, int (*)(FILE *)> pipe(popen(("ip -d link show dev " + device + " 2>&1").c_str(), "r"),
-                                                          pclose);
+        const std::string command = "ip -d link show dev " + device + " 2>&1";
+        const std::unique_ptr<FILE, int (*)(FILE *)> pipe(popen(command.c_str(), "r"), pclose);
         std::string text;
         std::array<char, 4096> chunk;
         while (const std::size_t n = fread(chunk.data(), 1, chunk.size(), pipe.get()))

@@ -180,8 +180,10 @@ TEST_F(LumVpnVlan, AVlanThatIsAuthoritativeAlreadyIsToldSo)
 struct LumVpnSiteVlan : ControlTest {
     static int set(const std::string &vlan, bool no = false)
     {
-        const command_result result =
-            platform.command(lum_vpn_site_vlan_cmd, vlan.empty() ? command_arguments{} : command_arguments{{"<vlan-id>", vlan}}, no);
+        command_arguments arguments;
+        if (!vlan.empty())
+            arguments["<vlan-id>"] = vlan;
+        const command_result result = platform.command(lum_vpn_site_vlan_cmd, arguments, no);
         EXPECT_EQ(result.output, "");
         return result.status;
     }

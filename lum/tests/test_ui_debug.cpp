@@ -107,8 +107,8 @@ TEST_F(LumDebugPacket, BothFiltersAndAKindGoTogether)
 TEST_F(LumDebugPacket, TheNoFormClearsFlagAndFilters)
 {
     for (const command_arguments &arguments :
-         {command_arguments{}, command_arguments{{"<smac-info>", SOURCE}}, command_arguments{{"<dmac-info>", DESTINATION}},
-          command_arguments{{"unicast", ""}}}) {
+         {command_arguments{}, command_arguments{{"<smac-info>", SOURCE}},
+          command_arguments{{"<dmac-info>", DESTINATION}}, command_arguments{{"unicast", ""}}}) {
         set_everything();
         EXPECT_EQ(debug(arguments, true).status, 0);
         EXPECT_EQ(current(), (filters{0, 0, 0, 0, 0, 0}));

@@ -203,7 +203,8 @@ TEST_F(LumShowArpNdCache, StoppedOutputEndsTheCommand)
     cache(*lum_get_overlay(OVERLAY), 10, ipv4(10, 0, 0, 2), "02:00:00:00:00:02");
     make_overlay(OVERLAY2);
     platform.stop_output_after = 0;
-    EXPECT_EQ(run(lum_show_arp_nd_cache_cmd), std::string(TITLE) + HEADER + "10/02:00:00:00:00:01  00:00:00  10.0.0.1\n");
+    EXPECT_EQ(run(lum_show_arp_nd_cache_cmd),
+              std::string(TITLE) + HEADER + "10/02:00:00:00:00:01  00:00:00  10.0.0.1\n");
 }
 
 TEST_F(LumShowArpNdCache, YieldsBetweenEntriesAndResumesBehindTheLast)
@@ -233,7 +234,8 @@ TEST_F(LumShowArpNdCache, AnOverlayThatGoesDuringAYieldEndsItsWalk)
         if (platform.may_yields != 0)
             lum_destroy_overlay(&overlay);
     };
-    EXPECT_EQ(run(lum_show_arp_nd_cache_cmd), std::string(TITLE) + HEADER + "10/02:00:00:00:00:01  00:00:00  10.0.0.1\n");
+    EXPECT_EQ(run(lum_show_arp_nd_cache_cmd),
+              std::string(TITLE) + HEADER + "10/02:00:00:00:00:01  00:00:00  10.0.0.1\n");
     EXPECT_EQ(overlay, nullptr);
 }
 

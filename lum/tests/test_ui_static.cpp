@@ -246,7 +246,8 @@ TEST_F(LumRouteCommand, AMulticastMacNeedsAnInterface)
     const char *message = "Invalid next-hop for multicast MAC address\n";
     for (const bool no : {false, true}) {
         expect_rejected(route({{"<mac-info>", GROUP_MAC}, {"<nh>", "198.51.100.9"}}, no), message);
-        expect_rejected(route({{"<mac-info>", GROUP_MAC}, {"<if-name>", "eth1"}, {"<nh>", "198.51.100.9"}}, no), message);
+        expect_rejected(route({{"<mac-info>", GROUP_MAC}, {"<if-name>", "eth1"}, {"<nh>", "198.51.100.9"}}, no),
+                        message);
         expect_rejected(route({{"<mac-info>", GROUP_MAC}}, no), message);
     }
     EXPECT_EQ(lum_staticQ.count, 0u);
@@ -329,7 +330,8 @@ TEST_F(LumMrouteCommand, ADownOrUnknownInterfaceIsRefused)
 {
     platform.interface(PORT).up = false;
     for (const bool no : {false, true}) {
-        expect_rejected(mroute({{"<vlan-id>", "10"}, {"<ga>", "239.1.1.1"}, {"<if-name>", "eth1"}}, no), "Interface down\n");
+        expect_rejected(mroute({{"<vlan-id>", "10"}, {"<ga>", "239.1.1.1"}, {"<if-name>", "eth1"}}, no),
+                        "Interface down\n");
         expect_rejected(mroute({{"<vlan-id>", "10"}, {"<ga>", "239.1.1.1"}, {"<if-name>", "eth77"}}, no),
                         "Interface down\n");
     }
