@@ -23,6 +23,12 @@ void check(bool success, const char *what)
     std::exit(1);
 }
 
+void take_lock_for_good() CORVANE_NO_TSA
+{
+    if (!platform.lock_held())
+        plock_acquire_process_lock();
+}
+
 // What an earlier world allocated is left behind on purpose.
 void start_daemon() LUM_LOCKED;
 void start_daemon()
@@ -97,8 +103,7 @@ void build_world(std::uint32_t size)
         return;
     built = size;
     platform.reset();
-    if (!platform.lock_held())
-        plock_acquire_process_lock();
+    take_lock_for_good();
     plock_assert_held();
     start_daemon();
     add_ports();
