@@ -58,7 +58,8 @@ bool open_socket(int &sid, int family, const char *label)
     return false;
 }
 
-template <class Value> bool set_option(int sid, int level, int option, const Value &value, const char *label) LUM_LOCKED;
+template <class Value>
+bool set_option(int sid, int level, int option, const Value &value, const char *label) LUM_LOCKED;
 template <class Value> bool set_option(int sid, int level, int option, const Value &value, const char *label)
 {
     const call_result set =

@@ -17,7 +17,8 @@ protected:
         mbus_msg msg = platform.message(opcode, payload, options);
         return lum_dispatch(msg);
     }
-    static fake::bytes adjacency(std::uint32_t iod, const fake::mac_address &id, std::uint32_t site, std::uint32_t extra)
+    static fake::bytes adjacency(std::uint32_t iod, const fake::mac_address &id, std::uint32_t site,
+                                 std::uint32_t extra)
     {
         fake::bytes payload;
         payload.add_host32(iod).add(id).add8(0);
@@ -82,9 +83,9 @@ TEST_F(LumDispatch, LogsAnUnknownOpcodeInSignedDecimal)
 
 TEST_F(LumDispatch, KnowsEachOpcodeOfItsTableAndNoNeighbour)
 {
-    const std::vector<std::uint32_t> known{0xB9,    0x9F2,   0x22DD,  0x22DE,  0x5C0C,  0xF403,  0xF404,  0xF407, 0xF408,
-                                           0xF414,  0x13404, 0x1340A, 0x1340B, 0x1340C, 0x1340D, 0x1340E, 0x13806,
-                                           0x14C01};
+    const std::vector<std::uint32_t> known{0xB9,    0x9F2,   0x22DD,  0x22DE,  0x5C0C,  0xF403,
+                                           0xF404,  0xF407,  0xF408,  0xF414,  0x13404, 0x1340A,
+                                           0x1340B, 0x1340C, 0x1340D, 0x1340E, 0x13806, 0x14C01};
     for (const std::uint32_t opcode : known) {
         for (const std::uint32_t neighbour : {opcode - 1, opcode, opcode + 1}) {
             platform.forget();
@@ -150,7 +151,10 @@ protected:
         plock_assert_held();
         lum_main(nullptr);
     }
-    static void deliver(std::uint32_t opcode, const fake::bytes &payload = {}) { platform.deliver(442, opcode, payload); }
+    static void deliver(std::uint32_t opcode, const fake::bytes &payload = {})
+    {
+        platform.deliver(442, opcode, payload);
+    }
 };
 
 TEST_F(LumMainLoop, EndsWhenItsQueueIsBeingUnbound)

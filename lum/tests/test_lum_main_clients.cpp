@@ -90,8 +90,9 @@ TEST_F(LumProcessSvcmgrNotifyUp, SubscribesToTheInterfaceManagersNotifications)
     EXPECT_EQ(lum_ifmgr_initialized, 1u);
     const std::string queue = std::to_string(lum_mbus_q);
     EXPECT_THAT(platform.call_texts({"intfmgr_ext_sbcr_init", "mbus_options_set"}),
-                ElementsAre("intfmgr_ext_sbcr_init(581, " + queue + ", lum)", "mbus_options_set(" + queue + ", 62472, 16)",
-                            "mbus_options_set(" + queue + ", 62467, 16)", "mbus_options_set(" + queue + ", 62468, 16)",
+                ElementsAre("intfmgr_ext_sbcr_init(581, " + queue + ", lum)",
+                            "mbus_options_set(" + queue + ", 62472, 16)", "mbus_options_set(" + queue + ", 62467, 16)",
+                            "mbus_options_set(" + queue + ", 62468, 16)",
                             "mbus_options_set(" + queue + ", 62484, 16)"));
 }
 

@@ -71,7 +71,8 @@ TEST_F(LumInitUdp, LogsTheFirstFailureAndLeavesOpenWhatWasOpen)
     const failing_step rows[] = {
         {"tcp_setup", 1, "API_FAILED>> tcp_setup() failed", 0, 0},
         {"corvane_socket", 1, "SOCKET>> socket() for lum_ip_udp_relay_sid failed: Too many open files", 0, 0},
-        {"corvane_setsockopt", 1, "SETSOCKOPT>> setsockopt() on lum_ip_udp_relay_sid failed: Too many open files", 1, 0},
+        {"corvane_setsockopt", 1, "SETSOCKOPT>> setsockopt() on lum_ip_udp_relay_sid failed: Too many open files", 1,
+         0},
         {"corvane_setsockopt", 2,
          "SETSOCKOPT>> setsockopt() on lum_ip_udp_relay_sid - IP_CONTEXT failed: Too many open files", 1, 0},
         {"corvane_bind", 1, "BIND>> bind() on lum_ip_udp_sid failed: Too many open files", 1, 0},

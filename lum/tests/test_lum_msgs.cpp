@@ -177,7 +177,8 @@ TEST_F(LumTrace, WritesOneTextToThreeSinks)
     EXPECT_EQ(platform.traces.front().text, "value 7\n");
     ASSERT_THAT(platform.events, SizeIs(1));
     EXPECT_EQ(platform.events.front().component, 0x730000u);
-    EXPECT_EQ(platform.events.front().record, fake::bytes().add_host32(120).add({'v', 'a', 'l', 'u', 'e', ' ', '7', '\n', 0}));
+    EXPECT_EQ(platform.events.front().record,
+              fake::bytes().add_host32(120).add({'v', 'a', 'l', 'u', 'e', ' ', '7', '\n', 0}));
     EXPECT_THAT(platform.dbgprints, ElementsAre("value 7\n"));
 }
 

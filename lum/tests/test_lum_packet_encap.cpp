@@ -146,9 +146,10 @@ TEST_F(LumEncapsulate, TracesUnderThePacketAndTheUnicastFlag)
     lum_packet_debug_unicast = 1;
     encapsulate(frame_of(64), fake::remote(OVERLAY, REMOTE_EDGE), overlay_);
     encapsulate(frame_of(64), fake::remote(OVERLAY, REMOTE_EDGE6), overlay_);
-    EXPECT_THAT(platform.trace_texts(),
-                ElementsAre("UDP/IP encapsulate packet 192.0.2.1 -> 198.51.100.9 on overlay Overlay1, length: 64\n",
-                            "UDP/IPv6 encapsulate packet 2001:db8::1 -> 2001:db8::9 on overlay Overlay1, length: 64\n"));
+    EXPECT_THAT(
+        platform.trace_texts(),
+        ElementsAre("UDP/IP encapsulate packet 192.0.2.1 -> 198.51.100.9 on overlay Overlay1, length: 64\n",
+                    "UDP/IPv6 encapsulate packet 2001:db8::1 -> 2001:db8::9 on overlay Overlay1, length: 64\n"));
 }
 
 TEST_F(LumEncapsulate, HandsTheFrameWithItsNextHopToThePacketServiceInGreFormat)

@@ -188,7 +188,10 @@ TEST_F(LumForward, KeepsOneConversationOnOneOfSeveralNextHops)
 class LumMforward : public LumForwarding {
 protected:
     static constexpr std::uint32_t GROUP = 0xE8010203;       // 232.1.2.3
-    static fake::bytes group_frame() { return frame_to(fake::group_mac(GROUP), 0x0800, fake::ip_packet_of(17, 1, GROUP)); }
+    static fake::bytes group_frame()
+    {
+        return frame_to(fake::group_mac(GROUP), 0x0800, fake::ip_packet_of(17, 1, GROUP));
+    }
 };
 
 TEST_F(LumMforward, DropsGroupWithoutRoute)

@@ -14,7 +14,10 @@ protected:
         platform.run_timers();
         platform.forget();
     }
-    static fake::bytes unicast(const fake::mac_address &to = HOST_B) { return fake::ethernet(to, HOST_A, 0x0800, fake::filler(46)); }
+    static fake::bytes unicast(const fake::mac_address &to = HOST_B)
+    {
+        return fake::ethernet(to, HOST_A, 0x0800, fake::filler(46));
+    }
 };
 
 TEST_F(LumInput, ForwardsAndLearnsUntaggedFrameOnTheVlanOfItsAccessPort)
@@ -221,7 +224,9 @@ TEST_F(LumIsLinkLocalMulticast, TakesScopeFromTheLowNibbleWhateverTheFlagsSay)
 {
     for (const char *group : {"ff02::2", "ff12::2", "ff32::2"}) {
         const ipv6_address address = fake::ipv6(group);
-        EXPECT_EQ(link_local(fake::ethernet(fake::group_mac(address), HOST_A, 0x86DD, fake::ipv6_packet_of(17, {}, address))), 1);
+        EXPECT_EQ(
+            link_local(fake::ethernet(fake::group_mac(address), HOST_A, 0x86DD, fake::ipv6_packet_of(17, {}, address))),
+            1);
     }
     const ipv6_address site = fake::ipv6("ff15::2");
     EXPECT_EQ(link_local(fake::ethernet(fake::group_mac(site), HOST_A, 0x86DD, fake::ipv6_packet_of(17, {}, site))), 0);
@@ -230,7 +235,8 @@ TEST_F(LumIsLinkLocalMulticast, TakesScopeFromTheLowNibbleWhateverTheFlagsSay)
 TEST_F(LumIsLinkLocalMulticast, FloodsGroupFramesThatAreTooShortForTheirNetworkHeader)
 {
     const std::uint32_t routed = fake::ipv4(239, 1, 1, 1);
-    const fake::bytes frame = fake::ethernet(fake::group_mac(routed), HOST_A, 0x0800, fake::ip_packet_of(17, 1, routed));
+    const fake::bytes frame =
+        fake::ethernet(fake::group_mac(routed), HOST_A, 0x0800, fake::ip_packet_of(17, 1, routed));
     EXPECT_EQ(link_local(frame.range(0, 14 + 20)), 0);
     EXPECT_EQ(link_local(frame.range(0, 14 + 19)), 1);
     EXPECT_EQ(link_local(frame.range(0, 14)), 1);
@@ -358,7 +364,10 @@ TEST_F(LumInput, KnowsAnInterfaceExactlyWhenItHasAPortRecord)
 class LumPacketTraceFilter : public LumTest {
 protected:
     LumPacketTraceFilter() { lum_packet_debug_flag = 1; }
-    static bool wanted(const fake::mac_address &to, std::uint32_t vlan = VLAN) { return lum_packet_trace_wanted(key(HOST_A, vlan), key(to, vlan)); }
+    static bool wanted(const fake::mac_address &to, std::uint32_t vlan = VLAN)
+    {
+        return lum_packet_trace_wanted(key(HOST_A, vlan), key(to, vlan));
+    }
 };
 
 TEST_F(LumPacketTraceFilter, TracesNothingWhenNoFilterIsSet)

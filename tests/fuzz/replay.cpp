@@ -35,7 +35,9 @@ void run_files(const std::filesystem::path &folder)
 
 fuzz::input mutate(fuzz::input input, std::mt19937 &random)
 {
-    const auto below = [&](std::size_t limit) { return std::uniform_int_distribution<std::size_t>(0, limit - 1)(random); };
+    const auto below = [&](std::size_t limit) {
+        return std::uniform_int_distribution<std::size_t>(0, limit - 1)(random);
+    };
     for (std::size_t changes = 1 + below(4); changes > 0 && !input.empty(); --changes) {
         const std::size_t at = below(input.size());
         switch (below(5)) {
@@ -49,7 +51,8 @@ fuzz::input mutate(fuzz::input input, std::mt19937 &random)
             input.resize(at);
             break;
         case 3:
-            input.insert(input.begin() + static_cast<std::ptrdiff_t>(at), below(32), static_cast<std::uint8_t>(below(256)));
+            input.insert(input.begin() + static_cast<std::ptrdiff_t>(at), below(32),
+                         static_cast<std::uint8_t>(below(256)));
             break;
         default:
             input[at] = below(2) == 0 ? 0x00 : 0xFF;
