@@ -1,6 +1,8 @@
 // The command server: its start, and the platform commands that are about the configuration itself.
 #include "cmdsrv.h"
 
+#include "svcmgr.h"
+
 #include "../libcorvane/base/cli_value.h"
 
 #include <algorithm>
@@ -169,6 +171,18 @@ void cmdsrv_serve()
     serve_command("write", write_configuration);
 }
 
+namespace {
+
+// The orderly end.
+void cmdsrv_end()
+{
+    journal_end();
+    for (const char *name : {corvane::SHELL_SOCKET, corvane::CMDSRV_SOCKET})
+        unlink((opts().root + "/" + name).c_str());
+}
+
+} // namespace
+
 void cmdsrv_start()
 {
     service_hosted(SERVICE_NUMBER, "cmdsrv");
@@ -179,7 +193,8 @@ void cmdsrv_start()
     if (!journal_recover())
         load_startup();
     journal_start();
-    std::atexit(journal_end);
+    std::atexit(cmdsrv_end);
+    cmdsrv().stands_by = daemon_is_standby;
     clients_start();
     sessions_start();
 }

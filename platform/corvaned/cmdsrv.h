@@ -21,6 +21,7 @@ struct command_server {
     grammar commands;
     config_store running;
     live_values live;
+    std::function<bool(pid_t)> stands_by = [](pid_t) { return false; };      // carries out no commands for now
     std::deque<std::string> load_errors;             // lines of the startup file that were refused, the last of them
     std::size_t load_error_count = 0;
 };
@@ -74,7 +75,7 @@ void clients_start();
 // False: no client of that name is there, or it has no such handler (`why` says which).
 [[nodiscard]] bool client_submit(const std::string &client, const running_ptr &command, std::string &why);
 void clients_forget(const std::string &interface);   // its lines went with it
-// Which of several processes of one client carries out commands, by pid. Without it the first one that is there does.
+// Which of several processes of one client carries out commands. Without it the first one that does not stand by does.
 void clients_set_active(const std::string &client, pid_t pid);
 [[nodiscard]] bool client_ready(const std::string &client);
 

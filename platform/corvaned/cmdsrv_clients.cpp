@@ -44,7 +44,8 @@ struct client {
 
 struct client_state {
     std::map<std::uint64_t, client> clients;             // by connection, in the order they came
-    std::map<std::string, pid_t> active;
+    std::map<std::string, pid_t> chosen;                 // by the service manager, whether it is here yet or not
+    std::map<std::string, std::uint64_t> active;         // the connection that was brought to what is configured
     std::uint64_t last_id = 0;
     bool ticking = false;
 };
@@ -61,16 +62,17 @@ client *find(std::uint64_t id)
     return found == state().clients.end() ? nullptr : &found->second;
 }
 
+// The chosen one, else the first one that is there and does not stand by.
 client *active_of(const std::string &name)
 {
-    const auto wanted = state().active.find(name);
+    const auto chosen = state().chosen.find(name);
     client *first = nullptr;
     for (auto &[id, c] : state().clients) {
         if (c.name != name || !c.ready)
             continue;
-        if (wanted != state().active.end() && wanted->second == c.who.pid)
+        if (chosen != state().chosen.end() && chosen->second == c.who.pid)
             return &c;
-        if (first == nullptr)
+        if (first == nullptr && !cmdsrv().stands_by(c.who.pid))
             first = &c;
     }
     return first;
@@ -78,22 +80,30 @@ client *active_of(const std::string &name)
 
 bool is_active(const client &c) { return active_of(c.name) == &c; }
 
+// Another process may have become the active one: it is brought to what is configured.
+void check_active(const std::string &name)
+{
+    client *now = active_of(name);
+    const std::uint64_t id = now == nullptr ? 0 : now->id;
+    if (std::exchange(state().active[name], id) == id)
+        return;
+    replay_forget(name);
+    if (now != nullptr)
+        replay_all(name, std::exchange(now->applied, {}));
+}
+
 void lost(std::uint64_t id, const char *why)
 {
     const auto found = state().clients.find(id);
     if (found == state().clients.end())
         return;
-    const bool was_active = is_active(found->second);
     client gone = std::move(found->second);
     state().clients.erase(found);
     if (!gone.name.empty())
         log_line(5, "client " + gone.name + "[" + std::to_string(gone.who.pid) + "]: " + why);
-    if (was_active)
-        replay_forget(gone.name);
+    check_active(gone.name);
     for (auto &request : gone.requests)
         request.command->finish(corvane::STATUS_REJECTED, gone.name + " stopped before it answered");
-    if (client *next = was_active ? active_of(gone.name) : nullptr)
-        replay_all(next->name, next->applied);
 }
 
 void drop(std::uint64_t id, const char *why)
@@ -180,10 +190,7 @@ bool become_ready(client &c)
         return false;
     c.ready = true;
     report_unhandled(c);
-    if (is_active(c)) {
-        const auto applied = std::exchange(c.applied, {});
-        replay_all(c.name, applied);
-    }
+    check_active(c.name);
     return true;
 }
 
@@ -298,8 +305,10 @@ void tick()
     for (const auto &[id, c] : state().clients)
         ids.push_back(id);
     for (const auto id : ids)
-        if (client *c = find(id))
+        if (client *c = find(id)) {
             check_patience(*c);
+            check_active(std::string(c->name));
+        }
     after(TICK, tick);
 }
 
@@ -370,13 +379,8 @@ void clients_forget(const std::string &interface)
 
 void clients_set_active(const std::string &name, pid_t pid)
 {
-    const client *before = active_of(name);
-    state().active[name] = pid;
-    client *now = active_of(name);
-    if (now == nullptr || now == before)
-        return;
-    replay_forget(name);
-    replay_all(name, std::exchange(now->applied, {}));
+    state().chosen[name] = pid;
+    check_active(name);
 }
 
 bool client_ready(const std::string &name) { return active_of(name) != nullptr; }

@@ -330,6 +330,7 @@ void CommandServer::TearDown()
     server.load_errors.clear();
     server.load_error_count = 0;
     server.interfaces = {};
+    server.stands_by = [](pid_t) { return false; };
 }
 
 void CommandServer::load(const std::string &text)

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace corvaned;
 using namespace corvaned_test;
@@ -285,6 +286,27 @@ TEST_F(Replay, GoesToTheOtherProcessWhenTheActiveOneDies)
     EXPECT_THAT(standby.serve(), IsEmpty());
     active.reset();
     EXPECT_THAT(standby.serve(), ElementsAre("[] lum anycast-arp 10.0.0.1"));
+}
+
+TEST_F(Replay, LeavesAProcessThatStandsByAloneUntilItIsActive)
+{
+    load("lum anycast-arp 10.0.0.1\n");
+    cmdsrv().stands_by = [](pid_t) { return true; };
+    fake_shell shell;
+    framed_peer waiting(corvane::CMDSRV_SOCKET);
+    waiting.send(corvane::CLIENT_HELLO,
+                 byte_writer().put(corvane::CMDSRV_VERSION).put<std::uint64_t>(77).text("lum").view());
+    waiting.send(corvane::CLIENT_HANDLER, byte_writer().text("lum_anycast_arp_cmd").view());
+    waiting.send(corvane::CLIENT_READY);
+    platform_process::turns(20);
+    waiting.read();
+    EXPECT_THAT(waiting.frames, SizeIs(1));
+    EXPECT_EQ(shell.run("show lum vlan").error, "lum is not running\n");
+    clients_set_active("lum", getpid());
+    platform_process::turns();
+    waiting.read();
+    ASSERT_THAT(waiting.frames, SizeIs(2));
+    EXPECT_EQ(corvane::get_execute(waiting.frames[1].record)->line, "lum anycast-arp 10.0.0.1");
 }
 
 TEST_F(Replay, GivesADeviceThatCameBackItsLinesAgain)
