@@ -25,7 +25,7 @@ struct state_row {
 };
 
 constexpr state_row state_rows[] = {
-    // what                            iod    hold   group4      group6      n  ext4        ext6 up  state reason
+    // what                           iod    hold   group4      group6     n  ext4        ext6           up    state why
     {"nothing configured",             true,  false, 0,          "::",       0, 0,          "::",          true,  1, 1},
     {"no iod",                         false, false, 0xEF010101, "::",       1, 0xC0000201, "::",          true,  1, 0},
     {"no iod, held down",              false, true,  0xEF010101, "::",       1, 0xC0000201, "::",          true,  1, 0},
