@@ -5,6 +5,7 @@
 #include "../api/corvane_thread.h"
 #include "../api/plock.h"
 #include "../api/syslog_client.h"
+#include "packet/authority.h"
 
 #include <cerrno>
 #include <cstring>
@@ -86,12 +87,16 @@ int call_handler(cli_cmd &cmd) CORVANE_NO_TSA
     return status;
 }
 
-void carry_out(execute_record record)
+void carry_out(queued_request request)
 {
-    cli_cmd cmd(std::move(record), cli().connection);
+    cli_cmd cmd(std::move(request.record), cli().connection);
+    cmd.credit = request.credit;
+    cmd.stopped = request.stopped;
     const int status = call_handler(cmd);
-    if (status == CLI_DONE)
+    if (status == CLI_DONE) {
         cli().applied.change(cmd.record);
+        corvane::port_vlan_configured(cmd.record.handler, cmd.record.mode_iod, cmd.record.no, cmd.record.arguments);
+    }
     send_replays();                                          // before the result, so that they are known to belong to it
     byte_writer result;
     result.put(cmd.record.request).put(static_cast<std::int32_t>(status));
@@ -116,12 +121,12 @@ void *command_thread(void *)
         (void)cli().connection.wait(cli().wake_fd, cli().connection.is_open() ? -1 : RECONNECT_MS);
         clear_wake();
         send_replays();
-        execute_record record;
-        while (!cli().ending && cli().connection.next_request(record)) {
-            if (record.handler.empty())
-                cli().applied.forget(record.interface);
+        queued_request request;
+        while (!cli().ending && cli().connection.next_request(request)) {
+            if (request.record.handler.empty())
+                cli().applied.forget(request.record.interface);
             else
-                carry_out(std::move(record));
+                carry_out(std::move(request));
         }
     }
     cli().connection.close();

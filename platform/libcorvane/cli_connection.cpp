@@ -205,27 +205,33 @@ void cli_connection::take(std::uint32_t kind, byte_view record, cli_cmd *running
     byte_reader in(record);
     if (kind == SERVER_EXECUTE) {
         if (auto request = get_execute(record))
-            requests_.push_back(std::move(*request));
+            requests_.push_back({std::move(*request)});
         return;
     }
     if (kind == SERVER_FORGET) {
-        requests_.emplace_back().interface = in.text();
+        requests_.emplace_back().record.interface = in.text();
         return;
     }
     const auto request = in.get<std::uint64_t>();
-    if (running == nullptr || !in.ok() || running->record.request != request)
-        return;                                              // of a command that is over
-    if (kind == SERVER_CREDIT)
-        running->credit += in.get<std::uint32_t>();
-    else if (kind == SERVER_STOP)
-        running->stopped = true;
+    const auto granted = kind == SERVER_CREDIT ? in.get<std::uint32_t>() : 0;
+    const auto apply = [&](auto &command) {
+        command.credit += granted;
+        command.stopped = command.stopped || kind == SERVER_STOP;
+    };
+    if (!in.ok())
+        return;
+    if (running != nullptr && running->record.request == request)
+        apply(*running);
+    for (auto &waiting : requests_)
+        if (waiting.record.request == request)
+            apply(waiting);
 }
 
-bool cli_connection::next_request(execute_record &record)
+bool cli_connection::next_request(queued_request &request)
 {
     if (requests_.empty())
         return false;
-    record = std::move(requests_.front());
+    request = std::move(requests_.front());
     requests_.pop_front();
     return true;
 }

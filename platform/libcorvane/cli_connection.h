@@ -30,6 +30,13 @@ private:
     std::unordered_map<std::string, std::unordered_multimap<std::string, std::string>> by_interface_;
 };
 
+// A request that arrived, with what was said of it since: it may be stopped before it begins.
+struct queued_request {
+    execute_record record;
+    std::uint64_t credit = CLIENT_FIRST_CREDIT;
+    bool stopped = false;
+};
+
 class cli_connection {
 public:
     // 0, or an errno value: no server, or it refuses this client. Waits a bounded time.
@@ -43,7 +50,7 @@ public:
     bool wait(int wake_fd, int timeout_ms);
     // Takes the next request that arrived, in order. One without handler says that the lines of its interface went
     // with it. Does not wait.
-    [[nodiscard]] bool next_request(execute_record &record);
+    [[nodiscard]] bool next_request(queued_request &request);
     void look(cli_cmd *running);                             // reads what is there
     void wait_for_news(cli_cmd &running, int timeout_ms);
 
@@ -54,7 +61,7 @@ private:
 
     int fd_ = -1;
     frame_splitter splitter_;
-    std::deque<execute_record> requests_;
+    std::deque<queued_request> requests_;
 };
 
 [[nodiscard]] bool cli_ending();                             // the command thread is to end
