@@ -156,8 +156,11 @@ bool options_parse(int argc, char **argv, std::string &error)
 bool root_prepare(std::string &error)
 {
     const options &o = opts();
-    umask(027);                  // nothing that is made here is for others
-    return make_folder(o.root, 0750, error) && take_lock(o.root + "/corvaned.pid", error) &&
+    // Others may pass through the root to the shell's socket, which judges them itself; they can list and read nothing.
+    if (!make_folder(o.root, 0711, error))
+        return false;
+    umask(027);
+    return take_lock(o.root + "/corvaned.pid", error) &&
            make_folder(o.root + "/shm", 0750, error) && make_folder(o.state, 0750, error);
 }
 

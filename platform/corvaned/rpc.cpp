@@ -214,6 +214,14 @@ void accept_one()
     watch(fd, EPOLLIN, [id](std::uint32_t events) { connection_ready(id, events); });
 }
 
+// The group that is admitted must be able to open the socket as well.
+void give_to_group(const std::string &path)
+{
+    if (const group *corvane_group = getgrnam("corvane");
+        corvane_group != nullptr && chown(path.c_str(), static_cast<uid_t>(-1), corvane_group->gr_gid) != 0)
+        log_line(4, "cannot give " + path + " to the group corvane: " + std::strerror(errno));
+}
+
 } // namespace
 
 bool peer_admitted(uid_t uid, gid_t gid)
@@ -247,6 +255,7 @@ bool rpc_listen()
         errno = error;
         return false;
     }
+    give_to_group(path);
     rpc().listener = fd;
     watch(fd, EPOLLIN, [](std::uint32_t) { accept_one(); });
     return true;
