@@ -85,6 +85,15 @@ std::vector<std::uint8_t> bytes(std::string_view text)
     return {text.begin(), text.end()};
 }
 
+std::vector<std::uint8_t> packet_of(const corvane::frame_header &header, byte_view body)
+{
+    std::vector<std::uint8_t> packet(sizeof header + body.size());
+    std::memcpy(packet.data(), &header, sizeof header);
+    if (!body.empty())
+        std::memcpy(packet.data() + sizeof header, body.data(), body.size());
+    return packet;
+}
+
 bus_client::bus_client(bool greet)
 {
     sockaddr_un address{};
@@ -114,7 +123,7 @@ void bus_client::send_raw(byte_view packet)
 
 void bus_client::send(std::uint32_t kind, std::uint32_t number, std::uint64_t id, byte_view body)
 {
-    send_raw(byte_writer().put(corvane::frame_header{kind, number, id}).raw(body).view());
+    send_raw(packet_of({kind, number, id}, body));
 }
 
 corvaned::answer bus_client::call(std::uint32_t method, byte_view request)

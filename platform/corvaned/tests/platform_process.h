@@ -77,5 +77,6 @@ private:
 };
 
 std::vector<std::uint8_t> bytes(std::string_view text);
+std::vector<std::uint8_t> packet_of(const corvane::frame_header &header, byte_view body);
 
 } // namespace corvaned_test

@@ -46,7 +46,7 @@ struct actor {
     }
     void send(std::uint32_t kind, std::uint32_t number, byte_view body)
     {
-        const auto packet = byte_writer().put(corvane::frame_header{kind, number, ++id}).raw(body).take();
+        const auto packet = packet_of({kind, number, ++id}, body);
         if (::send(fd, packet.data(), packet.size(), MSG_NOSIGNAL) < 0)
             _exit(9);
     }
