@@ -5,6 +5,7 @@
 #include "client.h"
 #include "runtime/connection.h"
 #include "mbus_local.h"
+#include "mbus_observe.h"
 #include "plock_batch.h"
 
 #include "../wire/bus.h"
@@ -232,6 +233,24 @@ std::uint32_t take_consumed(queue &q)
     return q.ready.empty() || q.consumed >= enough ? std::exchange(q.consumed, 0) : 0;
 }
 
+struct message_observer {
+    std::atomic<void (*)(const mbus_msg &)> call{nullptr};
+    std::atomic<std::uint32_t> first_opcode{0}, last_opcode{0};
+};
+message_observer &observer()
+{
+    static message_observer instance;
+    return instance;
+}
+
+void show_observer(const mbus_msg &msg)
+{
+    const auto call = observer().call.load(std::memory_order_acquire);
+    const std::uint32_t opcode = call == nullptr ? 0 : mbus_opc_get(msg);
+    if (call != nullptr && opcode >= observer().first_opcode && opcode <= observer().last_opcode)
+        call(msg);
+}
+
 bool pop(queue &q, mbus_msg &msg)
 {
     std::uint32_t consumed = 0;
@@ -246,6 +265,7 @@ bool pop(queue &q, mbus_msg &msg)
     }
     if (consumed != 0)
         (void)send_oneway(BUS_CONSUMED, byte_writer().put(q.handle.load()).put(consumed).view(), true);
+    show_observer(msg);
     return true;
 }
 
@@ -420,6 +440,13 @@ int mbus_options_set(mbus_q handle, std::uint32_t opcode, std::uint32_t option)
     if (std::ranges::find(q->options, std::pair(opcode, option)) == q->options.end())
         q->options.emplace_back(opcode, option);
     return 0;
+}
+
+void corvane::mbus_observe(std::uint32_t first_opcode, std::uint32_t last_opcode, void (*call)(const mbus_msg &msg))
+{
+    observer().first_opcode = first_opcode;
+    observer().last_opcode = last_opcode;
+    observer().call.store(call, std::memory_order_release);
 }
 
 int mbus_recv(mbus_q handle, mbus_msg &msg)

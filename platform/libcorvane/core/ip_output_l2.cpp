@@ -2,6 +2,7 @@
 #include "ip.h"
 
 #include "../interfaces.h"
+#include "../packet/authority.h"
 #include "../packet/port_vlans.h"
 #include "../packet/tag.h"
 #include "link_output.h"
@@ -85,5 +86,9 @@ int ip_cl_output_l2(mbuf *packet, std::uint32_t vlan, std::uint32_t iod, std::ui
     if (!is_group_packet(packet))
         return refuse();
     const auto id = static_cast<std::uint16_t>(vlan);
+    if (authority_holds_back(id)) {
+        drop_count(drop_reason::L2_NOT_AUTHORITATIVE);
+        return -1;
+    }
     return flooded != 0 ? flood(packet, id) : send_on_iod(packet, iod, id);
 }

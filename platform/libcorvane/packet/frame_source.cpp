@@ -1,6 +1,8 @@
 // Frames on their way from the rings to the packet queue.
 #include "frame_source.h"
 
+#include "authority.h"
+
 #include "../interfaces.h"
 
 #include "drops.h"
@@ -48,6 +50,21 @@ bool is_delivered(const frame_ref &frame)
         return false;
     }
     return true;
+}
+
+// Before it is cut, a super-frame is as on the wire: its tag beside it, or in it in network order.
+bool super_held_back(std::uint32_t iod, const received_frame &received)
+{
+    constexpr std::size_t TYPE_AT = 12;
+    constexpr std::uint16_t VLAN_MASK = 0x0FFF;
+    const std::uint8_t *bytes = received.frame.data;
+    std::uint16_t vlan = 0;
+    if (received.tag.present)
+        vlan = received.tag.control & VLAN_MASK;
+    else if (received.frame.length >= ETHERNET_HEADER + VLAN_TAG && bytes[TYPE_AT] == TYPE_VLAN >> 8 &&
+             bytes[TYPE_AT + 1] == (TYPE_VLAN & 0xFF))
+        vlan = static_cast<std::uint16_t>((bytes[TYPE_AT + 2] << 8 | bytes[TYPE_AT + 3]) & VLAN_MASK);
+    return authority_holds_back(vlan != 0 ? vlan : port_vlan(iod));
 }
 
 std::uint32_t served_ifindex(const interface_table &table, std::uint32_t iod)
@@ -159,6 +176,10 @@ bool frame_source::add_whole(port &p, received_frame &received, std::uint32_t sl
         drop_count(drop_reason::L2_TRUNCATED);
         return false;
     }
+    if (authority_holds_back(vlan_of_frame(p.iod, received.frame.data, received.frame.length))) {
+        drop_count(drop_reason::L2_NOT_AUTHORITATIVE);
+        return false;
+    }
     lot_[count_++] = {received.frame, p.iod, false, true, &p, slot};
     return true;
 }
@@ -172,6 +193,10 @@ void frame_source::add_segments()
 
 bool frame_source::begin_super(port &p, const received_frame &received, std::uint32_t slot)
 {
+    if (super_held_back(p.iod, received)) {
+        drop_count(drop_reason::L2_NOT_AUTHORITATIVE);
+        return false;
+    }
     if (super_.begin(received.frame.data, received.frame.length, received.meta) == 0) {
         drop_count(drop_reason::L2_BAD_OFFLOAD);
         return false;

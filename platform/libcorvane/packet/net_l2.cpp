@@ -4,6 +4,7 @@
 #include "../core/link_output.h"
 #include "../core/monitor.h"
 #include "../interfaces.h"
+#include "authority.h"
 #include "frame_source.h"
 #include "gre.h"
 #include "overlays.h"
@@ -112,6 +113,15 @@ int flood(std::uint16_t vlan, const daemon_frame &frame)
     return sent;
 }
 
+// Replies that the daemon builds itself name no VLAN: they are for a host of the port's own.
+bool held_back(std::uint32_t iod, std::uint16_t vlan)
+{
+    if (!authority_holds_back(vlan != 0 ? vlan : port_vlan(iod)))
+        return false;
+    drop_count(drop_reason::L2_NOT_AUTHORITATIVE);
+    return true;
+}
+
 } // namespace
 
 } // namespace corvane
@@ -155,9 +165,11 @@ int net_l2_send(net_l2_handle handle, const net_l2_header &header, const net_l2_
     if (handle == 0)
         return refuse();
     const daemon_frame frame{header.destination.data(), header.source.data(), ntohs(header.ethertype_be), payload, length};
+    const std::uint32_t iod = ntohl(request.iod_be), ifindex = switchport_ifindex(iod);
+    if ((request.flood != 0 || ifindex != 0) && held_back(iod, ntohs(header.vlan_be)))
+        return 0;
     if (request.flood != 0)
         return flood(ntohs(header.vlan_be), frame);
-    const std::uint32_t iod = ntohl(request.iod_be), ifindex = switchport_ifindex(iod);
     if (ifindex != 0)
         return send_on_port(ifindex, frame);
     overlay_config overlay;

@@ -1,4 +1,5 @@
 // Follows the overlays over the bus and the database, and the VLANs of the ports, on a queue and a thread of its own.
+#include "authority.h"
 #include "overlays.h"
 #include "port_vlans.h"
 
@@ -15,6 +16,7 @@
 #include <cstring>
 #include <mutex>
 #include <span>
+#include <vector>
 
 namespace corvane {
 
@@ -26,10 +28,10 @@ constexpr std::size_t PARAMETERS_SIZE = 280, PARAMETERS_CORE_IOD = 12, PARAMETER
                       PARAMETERS_IPV6_GROUP = 156, PARAMETERS_IPV4 = 256, PARAMETERS_IPV6 = 260;
 constexpr std::size_t VLANS_COUNT = 4, VLANS_HEAD = 8, VLANS_STRIDE = 12;
 constexpr const char *DATABASE = "lum_sdb_info";
-constexpr std::uint8_t RECORD_OVERLAY = 2, RECORD_VLAN = 3;
+constexpr std::uint8_t RECORD_OVERLAY = 2, RECORD_VLAN = 3, RECORD_GENERAL = 4;
 constexpr std::size_t OVERLAY_SIZE = 312, OVERLAY_CORE_IOD = 12, OVERLAY_IPV4_GROUP = 153, OVERLAY_ENCAP_TYPE = 280,
                       OVERLAY_ENCAP_FAMILY = 284, OVERLAY_IPV4 = 288, OVERLAY_IPV6 = 292;
-constexpr std::size_t VLAN_SIZE = 16, VLAN_OWNER = 4;
+constexpr std::size_t VLAN_SIZE = 16, VLAN_OWNER = 4, VLAN_AUTHORITATIVE = 8, GENERAL_SIZE = 4;
 constexpr std::uint32_t ENCAP_GRE = 1;
 
 using record_view = std::span<const std::uint8_t>;
@@ -71,6 +73,14 @@ void read_overlay(record_view value)
     overlay_set(o);
 }
 
+void read_vlan(record_view value)
+{
+    const auto vlan = static_cast<std::uint16_t>(word(value, 0));
+    overlay_vlan_set(vlan, word(value, VLAN_OWNER));
+    const vlan_authority authority{vlan, word(value, VLAN_OWNER), word(value, VLAN_AUTHORITATIVE) != 0};
+    authority_vlans({&authority, 1}, false);
+}
+
 void read_records(std::uint8_t type)
 {
     const sdb_handle database = sdb_open(DATABASE);
@@ -82,7 +92,9 @@ void read_records(std::uint8_t type)
             if (type == RECORD_OVERLAY && value.size() >= OVERLAY_SIZE)
                 read_overlay(value);
             if (type == RECORD_VLAN && value.size() >= VLAN_SIZE)
-                overlay_vlan_set(static_cast<std::uint16_t>(word(value, 0)), word(value, VLAN_OWNER));
+                read_vlan(value);
+            if (type == RECORD_GENERAL && value.size() >= GENERAL_SIZE)
+                authority_site_vlan(static_cast<std::uint16_t>(word(value, 0)));
         }
     sdb_close(database);
 }
@@ -109,10 +121,15 @@ void take_vlans(record_view payload)
     if (payload.size() < VLANS_HEAD)
         return;
     const std::size_t count = std::min<std::size_t>(word(payload, VLANS_COUNT), (payload.size() - VLANS_HEAD) / VLANS_STRIDE);
+    std::vector<vlan_authority> authorities;
     for (std::size_t i = 0; i < count; ++i) {
         const record_view element = payload.subspan(VLANS_HEAD + i * VLANS_STRIDE, VLANS_STRIDE);
-        overlay_vlan_set(static_cast<std::uint16_t>(word(element, 0)), word(element, 4));
+        const auto vlan = static_cast<std::uint16_t>(word(element, 0));
+        overlay_vlan_set(vlan, word(element, 4));
+        authorities.push_back({vlan, word(element, 4), word(element, 8) != 0});
     }
+    read_records(RECORD_GENERAL);
+    authority_vlans(authorities, true);
 }
 
 void take(const mbus_msg &msg, record_view payload)
@@ -142,6 +159,7 @@ void *follow(void *)
         if (missed.exchange(false)) {
             read_records(RECORD_OVERLAY);
             read_records(RECORD_VLAN);
+            read_records(RECORD_GENERAL);
         }
         if (mbus_recv(queue, msg) != 0)
             return nullptr;
@@ -165,6 +183,7 @@ bool start()
             return false;
         }
     missed = true;
+    authority_watch_messages();
     pthread_t thread{};
     if (corvane_pthread_create(thread, nullptr, follow, nullptr, "corvane-l2") != 0)
         return false;

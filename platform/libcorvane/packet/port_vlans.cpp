@@ -1,6 +1,8 @@
 // VLANs of the switchports.
 #include "port_vlans.h"
 
+#include "authority.h"
+
 #include "intfmgr.h"
 
 #include <bitset>
@@ -57,10 +59,15 @@ void port_vlans_set(std::uint32_t iod, bool trunk, bool up, std::span<const std:
     port &p = t.ports[iod];
     p.trunk = trunk;
     p.up = up;
-    for (const std::uint16_t vlan : came)
-        p.vlans.set(vlan % VLANS);
-    for (const std::uint16_t vlan : went)
+    for (const std::uint16_t vlan : went) {
         p.vlans.reset(vlan % VLANS);
+        port_vlan_clear(iod, vlan);
+    }
+    for (const std::uint16_t vlan : came) {
+        p.vlans.set(vlan % VLANS);
+        if (!trunk)
+            port_vlan_set(iod, vlan);
+    }
     if (p.vlans.none())
         t.ports.erase(iod);
 }
