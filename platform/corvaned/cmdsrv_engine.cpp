@@ -1,6 +1,7 @@
 // Carries out a parsed command: handlers of the platform at once, those of clients by their connection. What was
 // accepted goes into the running configuration.
 #include "cmdsrv.h"
+#include "intfmgr.h"
 
 #include <algorithm>
 #include <utility>
@@ -86,6 +87,13 @@ int run_platform(const corvane::execute_record &record, const std::function<void
     return found->second(c);
 }
 
+// The daemon looks a port's device up as eth<last character of its name> when `lum vlan` is entered in its mode.
+void prepare_client_command(const corvane::execute_record &record)
+{
+    if (record.handler == "lum_vlan_cmd" && !record.no && !intfmgr_ensure_altname(record.interface))
+        log_line(4, "no device answers to the name that \"lum vlan\" needs on " + record.interface);
+}
+
 void run_one(const std::shared_ptr<command_request> &request, const running_ptr &running)
 {
     running->record = record_of(request->command, request->interface);
@@ -118,7 +126,7 @@ void run_one(const std::shared_ptr<command_request> &request, const running_ptr 
     } else if (client == "platform") {
         const int status = run_platform(running->record, running->output, why);
         running->finish(status, why);
-    } else if (!client_submit(client, running, why)) {
+    } else if (prepare_client_command(running->record); !client_submit(client, running, why)) {
         running->finish(corvane::STATUS_REJECTED, why);
     }
 }
