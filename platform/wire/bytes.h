@@ -18,8 +18,9 @@ public:
     template <class T> byte_writer &put(T value)
     {
         static_assert(std::is_trivially_copyable_v<T>);
-        const auto *p = reinterpret_cast<const std::uint8_t *>(&value);
-        bytes_.insert(bytes_.end(), p, p + sizeof value);
+        const std::size_t at = bytes_.size();
+        bytes_.resize(at + sizeof value);
+        std::memcpy(bytes_.data() + at, &value, sizeof value);
         return *this;
     }
     byte_writer &raw(byte_view data)
