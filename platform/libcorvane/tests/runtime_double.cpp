@@ -144,12 +144,13 @@ void corvaned_double::serve(int fd)
         std::memcpy(&header, packet.data(), sizeof header);
         request r{header.kind, header.number, {packet.begin() + sizeof header, packet.begin() + size}};
         const answer a = header.kind == corvane::FRAME_HELLO ? answer{} : answer_to(r);
+        // Answer and record are one step: who was answered finds the record, and who finds the record was answered.
+        const std::lock_guard guard(mutex_);
         if (header.kind != corvane::FRAME_ONEWAY && !a.silent) {
             const auto reply =
                 byte_writer().put(corvane::frame_header{corvane::FRAME_REPLY, a.error, header.id}).raw(a.data).take();
             ::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
         }
-        const std::lock_guard guard(mutex_);
         greeted_ = greeted_ || header.kind == corvane::FRAME_HELLO;
         if (header.kind != corvane::FRAME_HELLO)
             requests_.push_back(std::move(r));
