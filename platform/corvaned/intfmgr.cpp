@@ -255,6 +255,8 @@ void intfmgr_announce(std::uint32_t opcode, byte_view payload) { bus_notify(INTF
 
 bool intfmgr_ensure_altname(const std::string &name)
 {
+    if (intfmgr().manager == nullptr)                        // not started: there is no device yet
+        return false;
     const interface_state *interface = intfmgr().manager->find(name);
     const interface_state *device = interface != nullptr && interface->overlay ? lo() : interface;
     if (device == nullptr)
