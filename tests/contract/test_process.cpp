@@ -318,6 +318,18 @@ TEST_F(ContractMemory, IsZeroedAndAligned)
     }
 }
 
+TEST_F(ContractMemory, IsZeroAgainWhenItIsTakenAgain)
+{
+    for (std::size_t size = 0; size <= 5000; ++size)
+        for (int time = 0; time < 2; ++time) {
+            auto *block = static_cast<std::uint8_t *>(memacct_alloc(MODULE, TYPE, size));
+            ASSERT_NE(block, nullptr);
+            ASSERT_TRUE(std::all_of(block, block + size, [](std::uint8_t b) { return b == 0; })) << size;
+            std::memset(block, 0xAA, size);
+            memacct_free(MODULE, TYPE, block);
+        }
+}
+
 TEST_F(ContractMemory, IsAccountedByTypeAndGivenBack)
 {
     const memacct_usage before = memacct_usage_get(TYPE);

@@ -1,8 +1,10 @@
-// Memory accounting: a header before each block holds its size; counters and caps are per type.
+// Memory accounting: a header before each block holds its size; counters and caps are per type. Small blocks that are
+// freed are kept by their thread for its next allocation: the frame path takes and returns one a frame.
 #include "memacct.h"
 
 #include <array>
 #include <atomic>
+#include <bit>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,6 +30,70 @@ struct type_account {
 
 std::array<type_account, TYPES_MAX> accounts;
 std::atomic<bool> ignore_failures{false};
+
+// Blocks of one thread that wait for their next use, by size class: 64, 128, ... 4096 bytes.
+class kept_blocks {
+public:
+    ~kept_blocks()
+    {
+        for (auto &of_class : kept_)
+            for (std::size_t i = 0; i < of_class.count; ++i)
+                std::free(of_class.block[i]);
+        alive_ = false;
+    }
+    static constexpr std::size_t LARGEST = 4096;
+    static std::size_t class_of(std::size_t size) { return size <= SMALLEST ? 0 : std::bit_width((size - 1) / SMALLEST); }
+    static std::size_t bytes_of(std::size_t size_class) { return SMALLEST << size_class; }
+
+    void *take(std::size_t size_class)
+    {
+        list &of_class = kept_[size_class];
+        return of_class.count == 0 ? nullptr : of_class.block[--of_class.count];
+    }
+    bool keep(std::size_t size_class, void *block)
+    {
+        list &of_class = kept_[size_class];
+        if (!alive_ || of_class.count == KEPT)
+            return false;
+        of_class.block[of_class.count++] = block;
+        return true;
+    }
+
+private:
+    static constexpr std::size_t SMALLEST = 64, CLASSES = 7;
+#ifdef __SANITIZE_ADDRESS__
+    static constexpr std::size_t KEPT = 0;                   // a block used after its free must be seen
+#else
+    static constexpr std::size_t KEPT = 16;
+#endif
+    struct list {
+        std::size_t count = 0;
+        std::array<void *, 16> block{};
+    };
+    std::array<list, CLASSES> kept_;
+    bool alive_ = true;
+};
+thread_local kept_blocks mine;
+
+// Zeroed memory behind room for a header; null when there is none.
+void *take_block(std::size_t size)
+{
+    if (size > kept_blocks::LARGEST)
+        return std::calloc(1, sizeof(block_header) + size);
+    const std::size_t size_class = kept_blocks::class_of(size);
+    void *raw = mine.take(size_class);
+    if (raw == nullptr)
+        raw = std::malloc(sizeof(block_header) + kept_blocks::bytes_of(size_class));
+    if (raw != nullptr)
+        std::memset(raw, 0, sizeof(block_header) + size);
+    return raw;
+}
+
+void give_block(void *raw, std::size_t size)
+{
+    if (size > kept_blocks::LARGEST || !mine.keep(kept_blocks::class_of(size), raw))
+        std::free(raw);
+}
 
 type_account &account(std::uint32_t type)
 {
@@ -77,7 +143,7 @@ void *memacct_alloc(std::uint32_t module, std::uint32_t type, std::size_t size)
     type_account &a = account(type);
     const std::size_t cap = a.cap.load(std::memory_order_relaxed);
     const std::size_t used = a.bytes.fetch_add(size, std::memory_order_relaxed) + size;
-    void *raw = cap != 0 && used > cap ? nullptr : std::calloc(1, sizeof(block_header) + size);
+    void *raw = cap != 0 && used > cap ? nullptr : take_block(size);
     if (raw == nullptr) {
         a.bytes.fetch_sub(size, std::memory_order_relaxed);
         return refuse(a, module, type, size);
@@ -94,7 +160,7 @@ void memacct_free(std::uint32_t, std::uint32_t type, void *memory)
     type_account &a = account(type);
     a.bytes.fetch_sub(header->bytes, std::memory_order_relaxed);
     a.blocks.fetch_sub(1, std::memory_order_relaxed);
-    std::free(header);
+    give_block(header, header->bytes);
 }
 
 memacct_usage memacct_usage_get(std::uint32_t type)
