@@ -118,6 +118,8 @@ TEST_F(LumProcessMain, SetsItsPriorityOnlyWhenRealTimeSchedulingIsWanted)
 {
     platform.fail_always("hakit_set_sched_policy_priority");
     EXPECT_EQ(run(), 0);
+    plock_assert_held();
+    reset_daemon();
     platform.succeed("hakit_set_sched_policy_priority");
     platform.sched_policy = 1;
     EXPECT_EQ(run(), 0);
