@@ -148,13 +148,21 @@ class _Printer:
 _running = set()                                             # processes of suites
 
 
+def _reporting_to(folder):
+    """The environment in which programs with a sanitizer leave their reports in a folder."""
+    def option(name):
+        return ":".join(filter(None, (os.environ.get(name), f"log_path={folder}/report")))
+    return {**os.environ, **{name: option(name) for name in ("ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS")}}
+
+
 def _run_suite(suite, timeout):
     module, name, _, tests = suite
     with tempfile.TemporaryDirectory() as folder:
         out = Path(folder) / "results"
         process = subprocess.Popen([sys.executable, "-m", "tests.system.runner", module, name, str(out), *tests],
                                    cwd=ROOT, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                   stderr=subprocess.STDOUT, text=True, errors="replace", start_new_session=True)
+                                   stderr=subprocess.STDOUT, text=True, errors="replace", start_new_session=True,
+                                   env=_reporting_to(folder))
         _running.add(process)
         problem, output = "", ""
         try:
@@ -170,6 +178,7 @@ def _run_suite(suite, timeout):
         finally:
             _running.discard(process)
         results = [json.loads(line) for line in out.read_text().splitlines()] if out.exists() else []
+        reports = "".join(report.read_text(errors="replace") for report in sorted(Path(folder).glob("report.*")))
     done = {result["test"] for result in results}
     fixture = "".join(r["text"] for r in results if not r["test"].startswith("test_") and r["outcome"] == "failed")
     for test in tests:
@@ -182,6 +191,8 @@ def _run_suite(suite, timeout):
     if process.returncode != 0 and all(r["outcome"] != "failed" for r in results):
         results.append({"test": "test_the_suite_ends_in_order", "outcome": "failed", "seconds": 0.0,
                         "text": f"{problem}status {process.returncode}\n{output}"})
+    if reports:
+        results.append({"test": "test_no_sanitizer_reports_anything", "outcome": "failed", "seconds": 0.0, "text": reports})
     return name, results
 
 

@@ -20,6 +20,12 @@ def block(language):
     return re.search(rf"```{language}\n(.*?)```", PAGE.read_text(), re.S).group(1)
 
 
+def sanitizers_of(build):
+    """Options that the libraries of a build want from whoever links them."""
+    flags = re.search(r"^CMAKE_CXX_FLAGS:.*?=(.*)$", (build / "CMakeCache.txt").read_text(), re.M).group(1)
+    return [flag for flag in flags.split() if flag.startswith("-fsanitize")]
+
+
 class ClientOfThePage(TwoSites):
 
     @classmethod
@@ -33,7 +39,7 @@ class ClientOfThePage(TwoSites):
         compile_line = block("sh").splitlines()[0]
         compile_line = compile_line.replace("build/release", str(cls.edge.programs.parent))
         compile_line = compile_line.replace("-o follower follower.cpp", f"-o {cls.program} {folder / 'follower.cpp'}")
-        run(*shlex.split(compile_line), "-Wall", "-Wextra", "-Werror", timeout=120)
+        run(*shlex.split(compile_line), *sanitizers_of(cls.edge.programs.parent), "-Wall", "-Wextra", "-Werror", timeout=120)
 
     def setUp(self):
         self.log = self.edge.dir / f"follower-{self.id()}"
