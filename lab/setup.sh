@@ -10,6 +10,7 @@ need_root() {
 build_packages="g++ cmake ninja-build pkg-config libmnl-dev libsqlite3-dev libsystemd-dev libedit-dev libcap-ng-dev
     nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev"
 lab_packages="python3 iproute2 iputils-ping iperf3 smcroute"
+test_packages="systemd dpkg-dev"
 
 # install_packages NAME...: those of the packages that are missing, with apt.
 install_packages() {
