@@ -1,11 +1,14 @@
 #!/usr/bin/env python3
 """Writes docs/commands.md from the grammar files; with --check it only says whether that file is up to date."""
+import json
 import pathlib
+import re
 import sys
 
 HERE = pathlib.Path(__file__).resolve().parent
 GRAMMAR = HERE.parent / "platform" / "grammar"
 FILES = ("platform.cli", "lum.cli")
+SCHEMAS = HERE.parent / "platform" / "corvaned" / "cmdsrv_json_schemas.def"
 MODES = {"exec": "Exec mode", "configure": "Configure mode", "overlay": "Mode of an overlay interface",
          "device": "Mode of a device"}
 
@@ -52,7 +55,18 @@ def split(syntax):
     return words + ([word] if word else [])
 
 
-def entry(command):
+def shapes():
+    """What `| json` prints, by schema: the text of the shape, checked to be JSON itself."""
+    found = re.findall(r'JSON_SCHEMA\("([^"]+)", \w+, R"\((.*)\)"\)', SCHEMAS.read_text(encoding="utf-8"))
+    return {name: json.loads(shape) for name, shape in found}
+
+
+def members(shape):
+    flat = json.dumps(shape)
+    return flat if len(flat) <= 100 else json.dumps(shape, indent=2)
+
+
+def entry(command, schemas):
     one = lambda name: command.get(name, [""])[0]
     no = one("no")
     out = [f"### `{plain(one('syntax') or 'no ' + no)}`", "", one("brief") + ". " + " ".join(command.get("effect", [])), ""]
@@ -62,18 +76,23 @@ def entry(command):
     out += words + ([""] if words else [])
     if "reject" in command:
         out += ["Rejections:", ""] + [f"- {r}" for r in command["reject"]] + [""]
+    if "json" in command:
+        out += ["With `| json`:", "", "```", members(schemas[one("json")]), "```", ""]
     return out
 
 
 def document():
     commands = [c for f in FILES for c in read(GRAMMAR / f)]
+    schemas = shapes()
     out = ["# Commands", "", "Written by `docs/commands.py` from the grammar files; change those, not this page.", "",
-           "`[ ]` may be left out, `{ a | b }` is one of these, `( a | b )` each of these at most once, in any order.", ""]
+           "`[ ]` may be left out, `{ a | b }` is one of these, `( a | b )` each of these at most once, in any order.", "",
+           "Behind `| json` a value says what stands there; a member with `?` is missing where it says nothing. Lines of a",
+           "table that have no place in it are in `other`, a list of texts.", ""]
     for mode, title in MODES.items():
         out += [f"## {title}", ""]
         for command in commands:
             if mode in command["mode"][0].split():
-                out += entry(command)
+                out += entry(command, schemas)
     return "\n".join(out).rstrip() + "\n"
 
 

@@ -77,7 +77,7 @@ private:
 
 class json_filter : public output_filter {
 public:
-    json_filter(output_sink sink, std::string schema) : sink_(std::move(sink)), schema_(std::move(schema)) {}
+    json_filter(output_sink sink, const json_schema &schema) : sink_(std::move(sink)), schema_(schema) {}
     void text(std::string_view piece) override
     {
         if (collected_.size() + piece.size() <= JSON_INPUT_MAX)
@@ -87,12 +87,13 @@ public:
     }
     void end() override
     {
-        sink_(too_long_ ? "{\"error\": \"the output is too long\"}\n" : to_json(schema_, collected_) + "\n");
+        sink_(too_long_ ? "{\"error\": \"the output is too long\"}\n" : schema_.read(collected_) + "\n");
     }
 
 private:
     output_sink sink_;
-    std::string schema_, collected_;
+    const json_schema &schema_;
+    std::string collected_;
     bool too_long_ = false;
 };
 
@@ -142,7 +143,7 @@ std::string wanted_text(const split_line &words, std::string_view line)
 
 } // namespace
 
-std::unique_ptr<output_filter> make_filter(std::string_view text, const std::string &json_schema, output_sink sink,
+std::unique_ptr<output_filter> make_filter(std::string_view text, const std::string &schema_name, output_sink sink,
                                            line_error &error)
 {
     const split_line words = split(text);
@@ -155,13 +156,14 @@ std::unique_ptr<output_filter> make_filter(std::string_view text, const std::str
     const filter_word *f = chosen(words.words.front(), error);
     if (f == nullptr)
         return nullptr;
+    const json_schema *schema = find_json_schema(schema_name);
     if (words.filter != std::string::npos)
         error = {words.filter, 1, "one filter a command"};
     else if (f->text && words.words.size() < 2)
         error = {words.end, 0, "expected the text to look for"};
     else if (!f->text && words.words.size() > 1)
         error = {words.words[1].at, words.words[1].length, "nothing more is expected here"};
-    else if (std::string_view(f->word) == "json" && json_schema.empty())
+    else if (std::string_view(f->word) == "json" && schema == nullptr)
         error = {words.words[0].at, words.words[0].length, "this command has no JSON form"};
     if (error)
         return nullptr;
@@ -169,7 +171,7 @@ std::unique_ptr<output_filter> make_filter(std::string_view text, const std::str
         return std::make_unique<picking_filter>(std::move(sink), wanted_text(words, text),
                                                 std::string_view(f->word) == "include");
     if (std::string_view(f->word) == "json")
-        return std::make_unique<json_filter>(std::move(sink), json_schema);
+        return std::make_unique<json_filter>(std::move(sink), *schema);
     return std::make_unique<counting_filter>(std::move(sink));
 }
 

@@ -17,8 +17,8 @@ public:
 using output_sink = std::function<void(std::string_view text)>;
 
 // The filter that `text`, what stands behind the bar, asks for. Null: `error` says what is wrong, at a position in
-// `text`. `json_schema` is that of the command, "" = it has none.
-[[nodiscard]] std::unique_ptr<output_filter> make_filter(std::string_view text, const std::string &json_schema,
+// `text`. `schema_name` is that of the command, "" = it has none.
+[[nodiscard]] std::unique_ptr<output_filter> make_filter(std::string_view text, const std::string &schema_name,
                                                          output_sink sink, line_error &error);
 // Choices for the words behind the bar.
 [[nodiscard]] completion_result complete_filter(std::string_view text, bool json);

@@ -1,45 +1,27 @@
 #include "cmdsrv_json.h"
 
-#include <cstdio>
+#include <algorithm>
+#include <array>
 
 namespace corvaned {
 
 namespace {
 
-std::string json_text(std::string_view text)
-{
-    std::string out = "\"";
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (byte < 0x20) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", byte);
-            out += escaped;
-        } else {
-            out += c;
-        }
-    }
-    return out + '"';
-}
-
-std::string lines_of(std::string_view text)
-{
-    std::string out;
-    while (!text.empty()) {
-        const auto end = std::min(text.find('\n'), text.size());
-        out += (out.empty() ? "" : ", ") + json_text(text.substr(0, end));
-        text.remove_prefix(std::min(end + 1, text.size()));
-    }
-    return "{\"lines\": [" + out + "]}";
-}
+constexpr auto SCHEMAS = std::to_array<json_schema>({
+#define JSON_SCHEMA(name, reader, shape) {name, json_reader::reader, shape},
+#include "cmdsrv_json_schemas.def"
+#undef JSON_SCHEMA
+});
+static_assert(std::ranges::is_sorted(SCHEMAS, {}, [](const json_schema &s) { return std::string_view(s.name); }));
 
 } // namespace
 
-bool json_schema_exists(const std::string &schema) { return !schema.empty(); }
+std::span<const json_schema> json_schemas() { return SCHEMAS; }
 
-std::string to_json(const std::string &, std::string_view text) { return lines_of(text); }
+const json_schema *find_json_schema(std::string_view name)
+{
+    const auto *found = std::ranges::find_if(SCHEMAS, [&](const auto &s) { return s.name == name; });
+    return found == SCHEMAS.end() ? nullptr : found;
+}
 
 } // namespace corvaned

@@ -3,6 +3,7 @@
 #include "cmdsrv_session.h"
 
 #include "cmdsrv_apply.h"
+#include "cmdsrv_json.h"
 #include "cmdsrv_stream.h"
 #include <algorithm>
 #include <cerrno>
@@ -404,7 +405,8 @@ void send_choices(session &s, const std::string &line)
     } else {
         const auto parsed = parse(context, std::string_view(line).substr(0, bar));
         result = complete_filter(std::string_view(line).substr(bar + 1),
-                                 !parsed.error && !parsed.empty && !parsed.command.command->json.empty());
+                                 !parsed.error && !parsed.empty &&
+                                     find_json_schema(parsed.command.command->json) != nullptr);
         result.from += bar + 1;
         result.error.at += bar + 1;
     }

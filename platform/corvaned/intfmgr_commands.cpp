@@ -71,20 +71,19 @@ int interface_overlay(command &c)
     return DONE;
 }
 
-std::string addresses_text(const interface_state &i)
+std::vector<std::string> addresses_of(const interface_state &i)
 {
-    std::string text;
+    std::vector<std::string> texts;
     if (i.addresses.ipv4() != 0) {
         const in_addr address{htonl(i.addresses.ipv4())};
         char buffer[INET_ADDRSTRLEN];
-        text = inet_ntop(AF_INET, &address, buffer, sizeof buffer);
+        texts.emplace_back(inet_ntop(AF_INET, &address, buffer, sizeof buffer));
     }
     if (std::ranges::any_of(i.addresses.ipv6(), [](std::uint8_t byte) { return byte != 0; })) {
         char buffer[INET6_ADDRSTRLEN];
-        text += text.empty() ? "" : " ";
-        text += inet_ntop(AF_INET6, i.addresses.ipv6().data(), buffer, sizeof buffer);
+        texts.emplace_back(inet_ntop(AF_INET6, i.addresses.ipv6().data(), buffer, sizeof buffer));
     }
-    return text.empty() ? "-" : text;
+    return texts;
 }
 
 std::string mode_text(const interface_state &i)
@@ -106,18 +105,51 @@ const char *state_text(const interface_state &i)
     return shut ? "shut" : "down";
 }
 
+// The table is made for a screen of 80 columns: what does not fit behind an interface goes on below, in the last column.
+constexpr std::size_t SCREEN = 80, LAST_COLUMN = 44;
+
+// A list of VLANs in lines that fit into the last column, cut behind a comma.
+void add_vlans(std::vector<std::string> &cells, std::string_view list)
+{
+    constexpr std::size_t ROOM = SCREEN - LAST_COLUMN;
+    while (list.size() > ROOM) {
+        const std::size_t comma = list.rfind(',', ROOM - 1);
+        const std::size_t size = comma == std::string_view::npos ? ROOM : comma + 1;
+        cells.emplace_back(list.substr(0, size));
+        list.remove_prefix(size);
+    }
+    if (!list.empty())
+        cells.emplace_back(list);
+}
+
+// One interface: its row, and lines for what the last column has no room for. An address that is longer than the
+// column moves to the left, on a line of its own.
+void print_interface(command &c, const interface_state &i)
+{
+    const std::string mode = mode_text(i);                   // "routed", or "trunk 10,20-30"
+    const std::size_t blank = std::min(mode.find(' '), mode.size());
+    std::vector<std::string> cells;
+    add_vlans(cells, std::string_view(mode).substr(std::min(blank + 1, mode.size())));
+    for (auto &address : addresses_of(i))
+        cells.push_back(std::move(address));
+    const bool fits = !cells.empty() && cells.front().size() <= SCREEN - LAST_COLUMN;
+    const std::string mtu = i.overlay ? "-" : std::to_string(i.link.mtu), kind = mode.substr(0, blank);
+    const std::string last = fits ? cells.front() : cells.empty() ? "-" : "";
+    char row[256];
+    std::snprintf(row, sizeof row, "%-15s %3u %-5s %5s  %-10s %s\n", i.name.c_str(), i.iod, state_text(i), mtu.c_str(),
+                  kind.c_str(), last.c_str());
+    c.print(row);
+    for (std::size_t n = fits ? 1 : 0; n < cells.size(); ++n) {
+        const std::size_t indent = std::min(LAST_COLUMN, SCREEN - std::min(SCREEN - 1, cells[n].size()));
+        c.print(std::string(indent, ' ') + cells[n] + "\n");
+    }
+}
+
 int show_interface(command &c)
 {
-    char line[512];
-    std::snprintf(line, sizeof line, "%-16s %4s  %-5s %6s  %-16s %s\n", "Interface", "Iod", "State", "MTU", "Mode",
-                  "Addresses");
-    c.print(line);
-    for (const interface_state *i : intfmgr().manager->all()) {
-        const std::string mtu = i->overlay ? "-" : std::to_string(i->link.mtu);
-        std::snprintf(line, sizeof line, "%-16s %4u  %-5s %6s  %-16s %s\n", i->name.c_str(), i->iod, state_text(*i),
-                      mtu.c_str(), mode_text(*i).c_str(), addresses_text(*i).c_str());
-        c.print(line);
-    }
+    c.print("Interface       Iod State   MTU  Mode       VLANs, addresses\n");
+    for (const interface_state *i : intfmgr().manager->all())
+        print_interface(c, *i);
     return DONE;
 }
 
