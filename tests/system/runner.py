@@ -150,9 +150,10 @@ _running = set()                                             # processes of suit
 
 def _reporting_to(folder):
     """The environment in which programs with a sanitizer leave their reports in a folder."""
-    def option(name):
-        return ":".join(filter(None, (os.environ.get(name), f"log_path={folder}/report")))
-    return {**os.environ, **{name: option(name) for name in ("ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS")}}
+    def option(name, *more):
+        return ":".join(filter(None, (os.environ.get(name), f"log_path={folder}/report", *more)))
+    return {**os.environ, "ASAN_OPTIONS": option("ASAN_OPTIONS"), "UBSAN_OPTIONS": option("UBSAN_OPTIONS"),
+            "TSAN_OPTIONS": option("TSAN_OPTIONS", f"suppressions={ROOT / 'tests/tsan.supp'}")}
 
 
 def _run_suite(suite, timeout):
