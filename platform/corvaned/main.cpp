@@ -5,6 +5,7 @@
 #include "log.h"
 #include "loop.h"
 #include "options.h"
+#include "peers.h"
 #include "rpc.h"
 #include "svcmgr.h"
 
@@ -96,6 +97,7 @@ void start_services()
     vrfmgr_start();
     ipmgr_start();
     rtab_start();
+    peers_start();
     cmdsrv_start();
     attendants_start();
     svcmgr_start();

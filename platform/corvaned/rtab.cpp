@@ -166,6 +166,11 @@ void rtab_forget_iod(std::uint32_t iod)
         service.table->forget_iod(iod);
 }
 
+const rtab_shared *rtab_shared_table()
+{
+    return service.table == nullptr ? nullptr : &service.table->shared();
+}
+
 void rtab_start()
 {
     auto *shared = static_cast<rtab_shared *>(make_shared(RTAB_SHM, sizeof(rtab_shared)));

@@ -1,7 +1,7 @@
 // Batches of frames to AF_PACKET: one socket for all devices, so a batch leaves in one system call wherever it goes.
 #include "link_output.h"
 
-#include "../packet/offload.h"
+#include "../packet/tcp_merge.h"
 #include "../plock_batch.h"
 
 #include <cerrno>
@@ -17,13 +17,26 @@ namespace {
 
 constexpr int SEND_BUFFER_BYTES = 4 << 20;
 
+constexpr std::uint32_t NONE = ~std::uint32_t{0};
+
+// A frame, or several that leave as one.
+struct unit {
+    std::uint32_t first = 0, last = 0;       // of a chain through batch::next
+    tcp_run run;
+};
+
 struct batch {
     std::uint32_t count = 0;
+    mbuf *buffer[LINK_BATCH]{};
+    link_target target[LINK_BATCH]{};
+
+    // Made of the above when it is sent.
+    std::uint32_t units = 0, open_runs = 0;
+    std::uint32_t next[LINK_BATCH]{}, open_run[LINK_BATCH]{};
+    unit unit_of[LINK_BATCH]{};
     mmsghdr message[LINK_BATCH]{};
     iovec piece[LINK_BATCH]{};
     sockaddr_ll address[LINK_BATCH]{};
-    mbuf *buffer[LINK_BATCH]{};
-    drop_reason on_failure[LINK_BATCH]{}, on_too_big[LINK_BATCH]{};
 
     ~batch() { link_output_flush(); }
 };
@@ -54,20 +67,117 @@ int output_socket()
     return fd;
 }
 
-void count_failure(std::uint32_t i, int error)
+std::uint8_t *frame_of(const batch &b, std::uint32_t i)
 {
-    drop_count(error == EMSGSIZE ? pending.on_too_big[i] : pending.on_failure[i]);
+    return packet_start(b.buffer[i]) + sizeof(offload_meta);
 }
 
-void send_all(int fd)
+std::uint32_t length_of(const batch &b, std::uint32_t i)
+{
+    return b.buffer[i]->length - std::uint32_t{sizeof(offload_meta)};
+}
+
+unit &add_unit(batch &b, std::uint32_t i)
+{
+    unit &u = b.unit_of[b.units++];
+    u.first = u.last = i;
+    return u;
+}
+
+// Checksums are looked at when a second segment comes, so that a frame by itself costs nothing.
+bool may_join(const batch &b, const unit &u, std::uint32_t i, const tcp_segment &segment)
+{
+    return u.run.continues(frame_of(b, i), segment) && tcp_sums_are_right(frame_of(b, i), segment) &&
+           (u.run.count() > 1 || tcp_sums_are_right(u.run.frame(), u.run.first()));
+}
+
+// Any frame of a flow that does not continue its run ends it: the order within a flow stays.
+void add_segment(batch &b, std::uint32_t i, const tcp_segment &segment)
+{
+    for (std::uint32_t k = 0; k < b.open_runs; ++k) {
+        unit &u = b.unit_of[b.open_run[k]];
+        if (b.target[u.first].ifindex != b.target[i].ifindex ||
+            !tcp_same_flow(u.run.frame(), u.run.first(), frame_of(b, i), segment))
+            continue;
+        if (may_join(b, u, i, segment)) {
+            u.run.append(segment);
+            b.next[u.last] = i;
+            u.last = i;
+            return;
+        }
+        b.open_run[k] = b.open_run[--b.open_runs];
+        break;
+    }
+    unit &u = add_unit(b, i);
+    u.run.begin(frame_of(b, i), segment);
+    if (!u.run.complete())
+        b.open_run[b.open_runs++] = b.units - 1;
+}
+
+void make_units(batch &b)
+{
+    b.units = b.open_runs = 0;
+    for (std::uint32_t i = 0; i < b.count; ++i) {
+        b.next[i] = NONE;
+        const std::uint32_t mtu = b.target[i].merge_mtu;
+        tcp_segment segment;
+        if (mtu == 0 || !tcp_segment_read(frame_of(b, i), length_of(b, i), segment)) {
+            add_unit(b, i);
+            continue;
+        }
+        segment.mergeable = segment.mergeable && length_of(b, i) - segment.network <= mtu;
+        add_segment(b, i, segment);
+    }
+}
+
+// The first frame whole, of the others what stands behind their headers.
+std::uint32_t list_pieces(batch &b, const unit &u, iovec *out)
+{
+    std::uint32_t n = 0;
+    out[n++] = {packet_start(b.buffer[u.first]), b.buffer[u.first]->length};
+    for (std::uint32_t i = b.next[u.first]; i != NONE; i = b.next[i])
+        out[n++] = {frame_of(b, i) + u.run.first().payload, length_of(b, i) - u.run.first().payload};
+    return n;
+}
+
+void make_messages(batch &b)
+{
+    make_units(b);
+    std::uint32_t pieces = 0;
+    for (std::uint32_t k = 0; k < b.units; ++k) {
+        const unit &u = b.unit_of[k];
+        const link_target &target = b.target[u.first];
+        const offload_meta meta = b.next[u.first] == NONE ? offload_meta{} : u.run.finish(frame_of(b, u.first));
+        std::memcpy(packet_start(b.buffer[u.first]), &meta, sizeof meta);
+        b.address[k] = {};
+        b.address[k].sll_family = AF_PACKET;
+        b.address[k].sll_protocol = target.protocol_be;
+        b.address[k].sll_ifindex = static_cast<int>(target.ifindex);
+        msghdr &header = b.message[k].msg_hdr;
+        header = {};
+        header.msg_name = &b.address[k];
+        header.msg_namelen = sizeof b.address[k];
+        header.msg_iov = &b.piece[pieces];
+        header.msg_iovlen = list_pieces(b, u, header.msg_iov);
+        pieces += static_cast<std::uint32_t>(header.msg_iovlen);
+    }
+}
+
+void count_failure(const batch &b, const unit &u, int error)
+{
+    for (std::uint32_t i = u.first; i != NONE; i = b.next[i])
+        drop_count(error == EMSGSIZE ? b.target[i].on_too_big : b.target[i].on_failure);
+}
+
+void send_all(batch &b, int fd)
 {
     std::uint32_t sent = 0;
-    while (sent < pending.count) {
-        const int n = sendmmsg(fd, &pending.message[sent], pending.count - sent, MSG_DONTWAIT);
+    while (sent < b.units) {
+        const int n = sendmmsg(fd, &b.message[sent], b.units - sent, MSG_DONTWAIT);
         if (n > 0) {
             sent += static_cast<std::uint32_t>(n);
         } else if (errno != EINTR) {
-            count_failure(sent, errno);       // of the first that is left; the others are tried
+            count_failure(b, b.unit_of[sent], errno);          // of the first that is left; the others are tried
             ++sent;
         }
     }
@@ -83,22 +193,9 @@ bool link_output(mbuf *m, const link_target &target)
         return false;
     }
     batch &b = pending;
-    const std::uint32_t i = b.count;
-    const offload_meta finished{};
-    std::memcpy(packet_prepend(m, sizeof finished), &finished, sizeof finished);
-    b.piece[i] = {packet_start(m), m->length};
-    b.address[i] = {};
-    b.address[i].sll_family = AF_PACKET;
-    b.address[i].sll_protocol = target.protocol_be;
-    b.address[i].sll_ifindex = static_cast<int>(target.ifindex);
-    b.message[i].msg_hdr = {};
-    b.message[i].msg_hdr.msg_name = &b.address[i];
-    b.message[i].msg_hdr.msg_namelen = sizeof b.address[i];
-    b.message[i].msg_hdr.msg_iov = &b.piece[i];
-    b.message[i].msg_hdr.msg_iovlen = 1;
-    b.buffer[i] = m;
-    b.on_failure[i] = target.on_failure;
-    b.on_too_big[i] = target.on_too_big;
+    (void)packet_prepend(m, sizeof(offload_meta));
+    b.buffer[b.count] = m;
+    b.target[b.count] = target;
     if (++b.count == LINK_BATCH)
         link_output_flush();
     return true;
@@ -106,12 +203,14 @@ bool link_output(mbuf *m, const link_target &target)
 
 void link_output_flush()
 {
-    if (pending.count == 0)
+    batch &b = pending;
+    if (b.count == 0)
         return;
-    send_all(output_socket());
-    for (std::uint32_t i = 0; i < pending.count; ++i)
-        m_freem(pending.buffer[i]);
-    pending.count = 0;
+    make_messages(b);
+    send_all(b, output_socket());
+    for (std::uint32_t i = 0; i < b.count; ++i)
+        m_freem(b.buffer[i]);
+    b.count = 0;
 }
 
 } // namespace corvane

@@ -16,6 +16,9 @@ struct link_target {
     std::uint16_t protocol_be = 0;           // 0: taken from the Ethernet header; set on devices without one
     drop_reason on_failure = drop_reason::L2_SEND_FAILED;
     drop_reason on_too_big = drop_reason::L2_SEND_FAILED;
+    // TCP segments of a flow that follow each other in a batch, and fit this MTU, leave as one super-frame; frames of
+    // different flows may change places. 0: each frame leaves by itself and in its turn.
+    std::uint32_t merge_mtu = 0;
 };
 
 // Queues the frame in `m`, link header first, and takes the buffer over. False: nothing can be sent (counted).

@@ -1,6 +1,8 @@
 // Lots of datagrams, and the outer headers that the kernel has taken off.
 #include "udp_batch.h"
 
+#include "peers.h"
+
 #include "../packet/sum.h"
 
 #include <algorithm>
@@ -53,9 +55,12 @@ int udp_batch::fill()
         header.msg_controllen = sizeof control_[i].bytes;
     }
     const int n = recvmmsg(socket_, message_.data(), DATAGRAMS, MSG_DONTWAIT, nullptr);
-    next_ = 0;
-    count_ = n > 0 ? static_cast<std::uint32_t>(n) : 0;
-    return n >= 0 ? 0 : errno;
+    const int error = n >= 0 ? 0 : errno;
+    next_ = count_ = 0;
+    for (int slot = 0; slot < n; ++slot)
+        if (core_peer_admitted(from_[static_cast<std::size_t>(slot)]))
+            slot_[count_++] = static_cast<std::uint8_t>(slot);
+    return error;
 }
 
 void udp_batch::read_ancillary(msghdr &message, ancillary &out) const
@@ -132,7 +137,7 @@ std::uint8_t *udp_batch::put_headers(std::size_t slot, std::size_t length)
 
 std::size_t udp_batch::take(std::uint8_t *out, std::size_t size, sockaddr *from, socklen_t *from_length)
 {
-    const std::size_t slot = next_++;
+    const std::size_t slot = slot_[next_++];
     const std::size_t length = message_[slot].msg_len;
     const std::uint8_t *start = put_headers(slot, length);
     const std::size_t whole = static_cast<std::size_t>(packet_[slot].data() + OUTER_MAX - start) + length;

@@ -20,7 +20,8 @@ public:
     // Serves that socket from now on; what was left of another one is forgotten.
     void serve(int socket, int family, std::uint16_t local_port);
     [[nodiscard]] std::uint32_t left() const { return count_ - next_; }
-    // Takes what the kernel has, without waiting. 0, or an errno value (EAGAIN: nothing there). Only while left() is 0.
+    // Takes what the kernel has, without waiting; packets of edges that are refused are left out, so that left() may be 0
+    // after it. 0, or an errno value (EAGAIN: nothing there). Only while left() is 0.
     int fill();
     // The next packet, from its outer header on, cut to `size` bytes. Result: its length. Only while left() is not 0.
     std::size_t take(std::uint8_t *out, std::size_t size, sockaddr *from, socklen_t *from_length);
@@ -38,6 +39,7 @@ private:
     int socket_ = -1, family_ = 0;
     std::uint16_t port_ = 0;
     std::uint32_t count_ = 0, next_ = 0;
+    std::array<std::uint8_t, DATAGRAMS> slot_{};               // of the packets that are handed out
     std::array<mmsghdr, DATAGRAMS> message_{};
     std::array<iovec, DATAGRAMS> piece_{};
     std::array<sockaddr_storage, DATAGRAMS> from_{};

@@ -4,6 +4,7 @@
 
 #include "../core/ip_output.h"
 #include "../core/packet_buffer.h"
+#include "../core/peers.h"
 
 #include "drops.h"
 #include "intfmgr.h"
@@ -188,6 +189,8 @@ std::size_t gre_input::fill(int fd)
     for (std::size_t i = 0; i < LOT; ++i) {
         message_[i].msg_hdr.msg_control = control_[i].bytes.data();
         message_[i].msg_hdr.msg_controllen = sizeof control_[i].bytes;
+        message_[i].msg_hdr.msg_name = &from_[i];
+        message_[i].msg_hdr.msg_namelen = sizeof from_[i];
     }
     filled_from_ = fd;
     const int n = recvmmsg(fd, message_.data(), LOT, MSG_DONTWAIT, nullptr);
@@ -219,6 +222,8 @@ bool gre_input::frame(std::size_t i, frame_ref &out, std::uint32_t &overlay_iod)
         drop_count(drop_reason::L2_OVERSIZED);
         return false;
     }
+    if (!core_peer_admitted(from_[i]))
+        return false;
     if (!unwrap(i, out, destination)) {
         drop_count(drop_reason::GRE_BAD_HEADER);
         return false;

@@ -51,6 +51,7 @@ private:
     std::unique_ptr<packet[]> packets_;
     std::array<mmsghdr, LOT> message_{};
     std::array<iovec, LOT> piece_{};
+    std::array<sockaddr_storage, LOT> from_{};
     struct alignas(8) control_space { std::array<std::uint8_t, 64> bytes; };
     std::array<control_space, LOT> control_{};
 };
