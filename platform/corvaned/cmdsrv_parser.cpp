@@ -177,6 +177,11 @@ private:
             w.at = s.element;
             if (element.enters >= 0)
                 w.entered |= 1u << element.enters;
+            // Where a grammar gives several ways to the same place the first one counts: else they would multiply.
+            if (std::ranges::any_of(moved, [&](const walker &m) {
+                    return m.syntax == w.syntax && m.at == w.at && m.entered == w.entered;
+                }))
+                continue;
             w.taken.emplace_back(s.element, s.value);
             moved.push_back(std::move(w));
         }
@@ -310,9 +315,10 @@ void add_live(const parse_context &context, const syntax_element &element, const
 {
     if (context.live == nullptr || !context.live->list)
         return;
-    for (auto &[value, help] : context.live->list(element.type))
-        if (value.starts_with(prefix) && std::ranges::none_of(choices, [&](const auto &c) { return c.word == value; }))
-            choices.push_back({value, help, true});
+    for (const auto &known : context.live->list(element.type))
+        if (known.first.starts_with(prefix) &&
+            std::ranges::none_of(choices, [&](const auto &c) { return c.word == known.first; }))
+            choices.push_back({known.first, known.second, true});
 }
 
 completion_result complete_in(const parse_context &context, mode m, std::vector<token> words, const token &last)
