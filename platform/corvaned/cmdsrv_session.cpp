@@ -34,7 +34,8 @@ constexpr const char *HELP_TEXT =
     "Words may be cut short as long as one command is meant: sh lum ov sum\n"
     "no ...         takes a setting back\n"
     "exit, end      leave this mode, go back to exec mode\n"
-    "... | include TEXT, exclude TEXT, count, json    picks lines, counts them, prints JSON\n";
+    "... | include TEXT     lines with this text; so exclude TEXT, and count, json\n"
+    "Ctrl-C gives a line up, or the rest of an output; Ctrl-D leaves the shell\n";
 
 } // namespace
 
@@ -410,13 +411,13 @@ void send_choices(session &s, const std::string &line)
         result.from += bar + 1;
         result.error.at += bar + 1;
     }
-    constexpr std::size_t CHOICES_MAX = 512;
+    constexpr std::size_t CHOICES_MAX = 512, HELP_MAX = 200;
     if (result.choices.size() > CHOICES_MAX)
         result.choices.resize(CHOICES_MAX);
     byte_writer record;
     record.put(static_cast<std::uint32_t>(result.from)).put(static_cast<std::uint32_t>(result.choices.size()));
     for (const auto &choice : result.choices)
-        record.text(choice.word.substr(0, 64)).text(choice.help.substr(0, 48)).put<std::uint8_t>(choice.insertable);
+        record.text(choice.word.substr(0, 64)).text(choice.help.substr(0, HELP_MAX)).put<std::uint8_t>(choice.insertable);
     record.put(static_cast<std::uint32_t>(result.error.at)).put(static_cast<std::uint32_t>(result.error.length));
     record.text(result.error.text.substr(0, 1024));
     (void)s.stream->send(corvane::SHELL_CHOICES, record.view());

@@ -53,13 +53,16 @@ bool connection::send(std::uint32_t kind, byte_view record)
     return true;
 }
 
-bool connection::receive(std::uint32_t &kind, byte_view &record)
+bool connection::receive(std::uint32_t &kind, byte_view &record, const std::function<void()> &on_signal)
 {
     std::array<std::uint8_t, 32 * 1024> buffer;
     while (!splitter_.next(kind, record)) {
         const ssize_t size = splitter_.broken() ? 0 : recv(fd_, buffer.data(), buffer.size(), 0);
-        if (size < 0 && errno == EINTR)
+        if (size < 0 && errno == EINTR) {
+            if (on_signal)
+                on_signal();
             continue;
+        }
         if (size <= 0)
             return false;
         splitter_.feed({buffer.data(), static_cast<std::size_t>(size)});
@@ -127,15 +130,22 @@ outcome connection::execute(const std::string &line, const reader &to)
     bool stopped = false;
     result.lost = line.size() + sizeof(std::uint32_t) > corvane::CMDSRV_FRAME_MAX ||
                   !send(corvane::SHELL_EXECUTE, byte_writer().text(line).view());
-    while (!result.lost && receive(kind, record)) {
+    const auto stop = [&] {
+        if (!stopped)
+            (void)send(corvane::SHELL_STOP, {});
+        stopped = true;
+    };
+    const auto on_signal = [&] {
+        if (to.interrupted())
+            stop();
+    };
+    while (!result.lost && receive(kind, record, on_signal)) {
         byte_reader in(record);
         if (kind == corvane::SHELL_OUTPUT) {
             const bool error = in.get<std::uint8_t>() == corvane::SHELL_STREAM_ERROR;
             const byte_view text = in.rest();
-            if (!stopped && !to.print(error, {reinterpret_cast<const char *>(text.data()), text.size()})) {
-                stopped = true;
-                (void)send(corvane::SHELL_STOP, {});
-            }
+            if (!stopped && !to.print(error, {reinterpret_cast<const char *>(text.data()), text.size()}))
+                stop();
         } else if (kind == corvane::SHELL_ERROR) {
             const auto at = in.get<std::uint32_t>();
             const auto length = in.get<std::uint32_t>();

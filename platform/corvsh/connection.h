@@ -33,10 +33,12 @@ struct choices {
     bool lost = false;
 };
 
-// What becomes of a command's output. `print` returns false when no more is wanted.
+// What becomes of a command's output. `print` returns false when no more is wanted; so does `interrupted` with true,
+// which is asked when a signal ended the wait.
 struct reader {
     std::function<bool(bool error, std::string_view text)> print;
     std::function<void(std::size_t at, std::size_t length, const std::string &text)> mistake;
+    std::function<bool()> interrupted = [] { return false; };
 };
 
 class connection {
@@ -51,7 +53,7 @@ public:
 
 private:
     bool send(std::uint32_t kind, byte_view record);
-    bool receive(std::uint32_t &kind, byte_view &record);
+    bool receive(std::uint32_t &kind, byte_view &record, const std::function<void()> &on_signal = {});
     void give_file(const std::string &path);
 
     int fd_ = -1;

@@ -96,6 +96,13 @@ std::optional<std::string> editor::line()
     return text;
 }
 
+bool editor::take_interrupt()
+{
+    const bool was = interrupted != 0;
+    interrupted = 0;
+    return was;
+}
+
 std::string editor::before_cursor() const
 {
     const LineInfo *info = el_line(el_);
@@ -120,7 +127,7 @@ unsigned char editor::complete()
         return CC_REFRESH;
     if (what.list.empty())
         return CC_REFRESH_BEEP;
-    show(choices_text(what));
+    show(choices_text(what, terminal_columns()));
     return CC_REDISPLAY;
 }
 
@@ -133,7 +140,8 @@ unsigned char editor::help()
     const choices what = server_.complete(line);
     if (what.lost)
         return CC_EOF;
-    show(what.list.empty() ? "  " + (what.error.empty() ? "nothing" : what.error) + "\n" : choices_text(what));
+    show(what.list.empty() ? "  " + (what.error.empty() ? "nothing" : what.error) + "\n"
+                            : choices_text(what, terminal_columns()));
     return CC_REDISPLAY;
 }
 

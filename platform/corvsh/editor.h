@@ -17,6 +17,8 @@ public:
 
     // Nothing at the end of the input. A line that was given up with Ctrl-C is empty.
     std::optional<std::string> line();
+    // Ctrl-C was typed since it was asked last; while a command runs it ends the wait for its output.
+    static bool take_interrupt();
     void set_prompt(std::string prompt) { prompt_ = std::move(prompt); }
     [[nodiscard]] std::size_t prompt_columns() const { return prompt_.size(); }
 

@@ -94,7 +94,8 @@ public:
                    [&](std::size_t at, std::size_t length, const std::string &text) {
                        say(where + harmless(line) + "\n" +
                            mistake_text(line, columns_of(where), at, length, text));
-                   }});
+                   },
+                   [] { return false; }});
         std::fflush(stdout);
         mode_ = result.mode;
         return result;
@@ -186,11 +187,15 @@ private:
             return {corvane::STATUS_REJECTED, mode_, false, false};
         }
         paged.begin();
+        (void)editor::take_interrupt();
         const auto result = server_.execute(
-            line, {[&](bool, std::string_view text) { return paged.print(text); },
+            line, {[&](bool, std::string_view text) { return paged.print(text) && !editor::take_interrupt(); },
                    [&](std::size_t at, std::size_t length, const std::string &text) {
-                       std::fputs(mistake_text(line, typed.prompt_columns(), at, length, text).c_str(), stdout);
-                   }});
+                       const auto columns = terminal_columns();
+                       std::fputs(mistake_text(line, typed.prompt_columns(), at, length, text, columns).c_str(), stdout);
+                   },
+                   editor::take_interrupt});
+        paged.end_line();
         std::fflush(stdout);
         mode_ = result.mode;
         return result;

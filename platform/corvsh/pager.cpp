@@ -68,6 +68,13 @@ void pager::begin()
         measure();
 }
 
+void pager::end_line()
+{
+    if (on_ && column_ != 0)
+        std::fputc('\n', stdout);
+    column_ = 0;
+}
+
 bool pager::pause()
 {
     std::fwrite(PROMPT.data(), 1, PROMPT.size(), stdout);

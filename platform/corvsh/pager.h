@@ -12,6 +12,7 @@ public:
     // False: the user wants no more of it.
     bool print(std::string_view text);
     void begin();                                // of a command
+    void end_line();                             // its output ends, inside a line or not: the prompt begins one
 
 private:
     bool pause();
