@@ -59,13 +59,17 @@ void packet_ports_tick()
 
 namespace {
 
-std::uint32_t switchport_ifindex(std::uint32_t iod)
+// Interface index 0: no switchport.
+link_target switchport(std::uint32_t iod)
 {
     constexpr std::uint32_t SERVED = INTERFACE_PRESENT | INTERFACE_SWITCHPORT;
+    link_target target;
     const interface_table *table = interfaces();
     if (table == nullptr || (interface_flags(*table, iod) & SERVED) != SERVED)
-        return 0;
-    return table->slot[iod].ifindex.load(std::memory_order_acquire);
+        return target;
+    target.ifindex = table->slot[iod].ifindex.load(std::memory_order_acquire);
+    target.merge_mtu = table->slot[iod].mtu.load(std::memory_order_acquire);
+    return target;
 }
 
 int refuse()                                   // 0 for "not sent"
@@ -90,10 +94,10 @@ mbuf *wire_frame(const daemon_frame &frame)
     return nullptr;
 }
 
-int send_on_port(std::uint32_t ifindex, const daemon_frame &frame)
+int send_on_port(const link_target &port, const daemon_frame &frame)
 {
     mbuf *m = wire_frame(frame);
-    return m != nullptr && link_output(m, {ifindex, 0}) ? 1 : 0;
+    return m != nullptr && link_output(m, port) ? 1 : 0;
 }
 
 // To every port of the VLAN, on each with or without its tag as the port has it.
@@ -103,12 +107,12 @@ int flood(std::uint16_t vlan, const daemon_frame &frame)
     const std::size_t count = ports_of_vlan(vlan, ports);
     int sent = 0;
     for (std::size_t i = 0; i < count; ++i) {
-        const std::uint32_t ifindex = switchport_ifindex(ports[i]);
-        mbuf *m = ifindex == 0 ? nullptr : wire_frame(frame);
+        const link_target port = switchport(ports[i]);
+        mbuf *m = port.ifindex == 0 ? nullptr : wire_frame(frame);
         if (m == nullptr)
             continue;
         m->length = static_cast<std::uint32_t>(tag_on_wire(packet_start(m), m->length, port_tags_vlan(ports[i], vlan), vlan));
-        sent |= link_output(m, {ifindex, 0}) ? 1 : 0;
+        sent |= link_output(m, port) ? 1 : 0;
     }
     return sent;
 }
@@ -165,13 +169,14 @@ int net_l2_send(net_l2_handle handle, const net_l2_header &header, const net_l2_
     if (handle == 0)
         return refuse();
     const daemon_frame frame{header.destination.data(), header.source.data(), ntohs(header.ethertype_be), payload, length};
-    const std::uint32_t iod = ntohl(request.iod_be), ifindex = switchport_ifindex(iod);
-    if ((request.flood != 0 || ifindex != 0) && held_back(iod, ntohs(header.vlan_be)))
+    const std::uint32_t iod = ntohl(request.iod_be);
+    const link_target port = switchport(iod);
+    if ((request.flood != 0 || port.ifindex != 0) && held_back(iod, ntohs(header.vlan_be)))
         return 0;
     if (request.flood != 0)
         return flood(ntohs(header.vlan_be), frame);
-    if (ifindex != 0)
-        return send_on_port(ifindex, frame);
+    if (port.ifindex != 0)
+        return send_on_port(port, frame);
     overlay_config overlay;
     return overlay_get(iod, overlay) && overlay.gre ? gre_send(overlay, request, frame) : refuse();
 }

@@ -12,22 +12,24 @@ namespace corvane {
 // Adds `data` as it stands at an even offset of what is being summed; an odd last byte counts as if a zero followed.
 [[nodiscard]] inline std::uint64_t native_sum(std::uint64_t sum, const std::uint8_t *data, std::size_t length)
 {
-    unsigned __int128 wide = sum;
-    std::uint64_t word = 0;
-    while (length >= 8) {
-        std::memcpy(&word, data, 8);
-        wide += word;
-        data += 8;
-        length -= 8;
+    // Words' halves into separate sums: no carry to pass on, so the steps do not wait for each other.
+    constexpr std::uint64_t LOW = 0xFFFFFFFF;
+    std::uint64_t a = (sum & LOW) + (sum >> 32), b = 0, word[4];
+    for (; length >= sizeof word; data += sizeof word, length -= sizeof word) {
+        std::memcpy(word, data, sizeof word);
+        a += (word[0] & LOW) + (word[0] >> 32) + (word[1] & LOW) + (word[1] >> 32);
+        b += (word[2] & LOW) + (word[2] >> 32) + (word[3] & LOW) + (word[3] >> 32);
+    }
+    for (; length >= 8; data += 8, length -= 8) {
+        std::memcpy(word, data, 8);
+        b += (word[0] & LOW) + (word[0] >> 32);
     }
     if (length != 0) {
-        word = 0;
-        std::memcpy(&word, data, length);
-        wide += word;
+        word[0] = 0;
+        std::memcpy(word, data, length);
+        b += (word[0] & LOW) + (word[0] >> 32);
     }
-    // Folding 128 bits to 64: end-around carry of the high half, twice.
-    wide = (wide & ~std::uint64_t{0}) + (wide >> 64);
-    return static_cast<std::uint64_t>(wide) + static_cast<std::uint64_t>(wide >> 64);
+    return a + b;
 }
 
 // One's complement of the folded sum, to be stored with memcpy as it is.

@@ -167,6 +167,28 @@ void give_up()
     run_release_hooks();
 }
 
+void yield_to_waiter()
+{
+    waiter &mine = my_waiter.get();
+    waiter *next = nullptr;
+    {
+        const std::lock_guard guard(the().mutex);
+        next = dequeue();
+        if (next != nullptr) {
+            enqueue(mine);
+            the().word.store(HELD_WAITED_FOR, std::memory_order_relaxed);
+        }
+    }
+    if (next != nullptr) {
+        holding = false;
+        hand_over(*next);
+        run_release_hooks();
+        await_grant(mine);
+        holding = true;
+    }
+    slice_start_ns = now_ns();
+}
+
 } // namespace
 
 namespace corvane {
@@ -258,31 +280,17 @@ void plock_after_yield() CORVANE_NO_TSA
 void plock_sched_yield()
 {
     assert(holding);
-    waiter &mine = my_waiter.get();
-    waiter *next = nullptr;
-    {
-        const std::lock_guard guard(the().mutex);
-        next = dequeue();
-        if (next != nullptr) {
-            enqueue(mine);
-            the().word.store(HELD_WAITED_FOR, std::memory_order_relaxed);
-        }
-    }
-    if (next != nullptr) {
-        holding = false;
-        hand_over(*next);
-        run_release_hooks();
-        await_grant(mine);
-        holding = true;
-    }
-    slice_start_ns = now_ns();
+    // The end of a batch is near, and a waiter gets in there. Handing the lock over after each frame of it would send
+    // what it has put out one by one.
+    if (batch_left == 0)
+        yield_to_waiter();
 }
 
 bool plock_sched_may_yield()
 {
     if (!corvane::plock_slice_used())
         return false;
-    plock_sched_yield();
+    yield_to_waiter();
     return true;
 }
 

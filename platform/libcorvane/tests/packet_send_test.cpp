@@ -75,6 +75,84 @@ TEST_F(PacketSend, TurnsTagsToTheirStandardForm)
                 ElementsAreArray(hex(HOST_B + HOST_A) + hex("8100 612c 0036 aaaa03000000 88b5") + counting(46)));
 }
 
+namespace {
+
+bytes tcp_frame(std::size_t number, std::size_t size = 1000, const std::string &source = HOST_A)
+{
+    bytes ip = ipv4(6, tcp({static_cast<std::uint32_t>(5000 + 1000 * number), 0x10}, counting(size)), 100 + number);
+    finish(ip, TCP_SUM);
+    return ethernet(HOST_B, source, 0x0800) + ip;
+}
+
+} // namespace
+
+TEST_F(PacketSend, TcpSegmentsThatFollowEachOtherLeaveAsOneSuperFrame)
+{
+    interfaces_.table().slot[PORT].mtu = 1500;
+    bytes data;
+    for (std::size_t i = 0; i < 5; ++i)
+        EXPECT_EQ(send(PORT, tcp_frame(i)), 1);
+    EXPECT_EQ(send(PORT, PLAIN), 1);
+    EXPECT_EQ(send(PORT, tcp_frame(5, 10)), 1);
+    link_output_flush();
+    const auto super = host_.receive(), plain = host_.receive();
+    ASSERT_TRUE(super && plain);
+    EXPECT_EQ(super->gso_type, OFFLOAD_GSO_TCPV4);
+    EXPECT_TRUE(super->unfinished);
+    EXPECT_EQ(super->frame.size(), 54u + 5 * 1000 + 10);
+    for (std::size_t i = 0; i < 5; ++i)
+        EXPECT_THAT(bytes(super->frame.begin() + 54 + static_cast<std::ptrdiff_t>(1000 * i),
+                          super->frame.begin() + 54 + static_cast<std::ptrdiff_t>(1000 * (i + 1))),
+                    ElementsAreArray(counting(1000)));
+    EXPECT_THAT(plain->frame, ElementsAreArray(PLAIN));
+    EXPECT_FALSE(host_.receive(0));
+}
+
+TEST_F(PacketSend, TcpSegmentsOfSeveralFlowsAndPortsAreKeptApart)
+{
+    const lab::veth other("ps1");
+    lab::wire other_host("ps1p");
+    interfaces_.set(OTHER_PORT, "ps1", INTERFACE_UP | INTERFACE_SWITCHPORT);
+    interfaces_.table().slot[PORT].mtu = interfaces_.table().slot[OTHER_PORT].mtu = 1500;
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(send(PORT, tcp_frame(i)), 1);
+        EXPECT_EQ(send(OTHER_PORT, tcp_frame(i)), 1);
+        EXPECT_EQ(send(PORT, tcp_frame(i, 1000, "02000000000c")), 1);
+    }
+    link_output_flush();
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(host_.receive()->frame.size(), 54u + 3000);
+    EXPECT_EQ(other_host.receive()->frame.size(), 54u + 3000);
+    EXPECT_FALSE(host_.receive(0) || other_host.receive(0));
+}
+
+TEST_F(PacketSend, TcpSegmentWithAWrongChecksumLeavesAsItIsAndInItsTurn)
+{
+    interfaces_.table().slot[PORT].mtu = 1500;
+    bytes wrong = tcp_frame(1);
+    wrong.back() ^= 1;
+    for (const bytes &frame : {tcp_frame(0), wrong, tcp_frame(2), tcp_frame(3)})
+        EXPECT_EQ(send(PORT, frame), 1);
+    link_output_flush();
+    EXPECT_THAT(host_.receive()->frame, ElementsAreArray(tcp_frame(0)));
+    const auto second = host_.receive(), third = host_.receive();
+    ASSERT_TRUE(second && third);
+    EXPECT_THAT(second->frame, ElementsAreArray(wrong));
+    EXPECT_EQ(third->frame.size(), 54u + 2000);
+}
+
+TEST_F(PacketSend, TcpSegmentsThatThePortsMtuDoesNotHoldAreRefusedOneByOne)
+{
+    lab::run("ip link set ps0 mtu 900");
+    interfaces_.table().slot[PORT].mtu = 900;
+    const std::uint64_t before = refused();
+    for (std::size_t i = 0; i < 3; ++i)
+        EXPECT_EQ(send(PORT, tcp_frame(i)), 1);
+    link_output_flush();
+    EXPECT_EQ(refused(), before + 3);
+    EXPECT_FALSE(host_.receive(0));
+}
+
 TEST_F(PacketSend, CountsFrameThatThePortRefusesAndSendsTheOthers)
 {
     const lab::veth other("ps1");

@@ -183,7 +183,32 @@ TEST_F(PlockBatch, IsCutToItsMaximumAndEndsEarly)
     plock_after_yield();
 }
 
-TEST_F(PlockBatch, YieldToAWaiterInsideABatchFlushesFirst)
+TEST_F(PlockBatch, YieldLetsAWaiterInAtTheEndOfTheBatch)
+{
+    std::atomic<int> started{0};
+    std::atomic<bool> was_in{false};
+    std::thread waiter([&] {
+        started = 1;
+        plock_acquire_process_lock();
+        was_in = true;
+        plock_release_process_lock();
+    });
+    wait_until_waiting(started, 1);
+    corvane::plock_batch_begin(1);
+    ++collected;
+    plock_sched_yield();
+    EXPECT_EQ(flushed, 0);
+    EXPECT_FALSE(was_in);
+    EXPECT_EQ(corvane::plock_batch_left(), 1u);
+    plock_before_yield();
+    plock_after_yield();
+    plock_sched_yield();
+    EXPECT_EQ(flushed, 1);
+    EXPECT_TRUE(was_in);
+    waiter.join();
+}
+
+TEST_F(PlockBatch, UsedUpSliceYieldsInsideABatchAndFlushesFirst)
 {
     std::atomic<int> started{0};
     std::thread waiter([&] {
@@ -194,7 +219,8 @@ TEST_F(PlockBatch, YieldToAWaiterInsideABatchFlushesFirst)
     wait_until_waiting(started, 1);
     corvane::plock_batch_begin(5);
     ++collected;
-    plock_sched_yield();
+    while (!plock_sched_may_yield()) {
+    }
     EXPECT_EQ(flushed, 1);
     EXPECT_EQ(corvane::plock_batch_left(), 5u);
     corvane::plock_batch_end();
