@@ -19,6 +19,7 @@ namespace {
 constexpr std::uint32_t FREE = 0, HELD = 1, HELD_WAITED_FOR = 2;
 constexpr std::uint64_t SLICE_DEFAULT_NS = 1'000'000;
 constexpr std::size_t HOOKS_MAX = 8;
+constexpr std::uint32_t CLOCK_LOOK_EVERY = 16;         // frames of a batch
 
 // Given back to a pool at the end of its thread and never freed: whoever hands the lock over may still touch it.
 struct waiter {
@@ -288,7 +289,8 @@ void plock_sched_yield()
 
 bool plock_sched_may_yield()
 {
-    if (!corvane::plock_slice_used())
+    // Within a batch the clock is looked at now and then only: it would cost each frame more than its lookup.
+    if (batch_left % CLOCK_LOOK_EVERY != 0 || !corvane::plock_slice_used())
         return false;
     yield_to_waiter();
     return true;

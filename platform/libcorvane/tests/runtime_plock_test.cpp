@@ -217,12 +217,12 @@ TEST_F(PlockBatch, UsedUpSliceYieldsInsideABatchAndFlushesFirst)
         plock_release_process_lock();
     });
     wait_until_waiting(started, 1);
-    corvane::plock_batch_begin(5);
+    corvane::plock_batch_begin(32);
     ++collected;
     while (!plock_sched_may_yield()) {
     }
     EXPECT_EQ(flushed, 1);
-    EXPECT_EQ(corvane::plock_batch_left(), 5u);
+    EXPECT_EQ(corvane::plock_batch_left(), 32u);
     corvane::plock_batch_end();
     waiter.join();
 }
