@@ -2,6 +2,7 @@
 // of the requests. Several processes of one client may be there; one of them, the active one, gets the commands.
 #include "cmdsrv.h"
 
+#include "admission.h"
 #include "cmdsrv_stream.h"
 #include "rpc.h"
 
@@ -271,7 +272,7 @@ void frame_of(std::uint64_t id, std::uint32_t kind, byte_view record)
 
 void accepted(int fd, const peer &who)
 {
-    if (state().clients.size() >= CLIENTS_MAX || !peer_admitted(who.uid, who.gid)) {
+    if (state().clients.size() >= CLIENTS_MAX || access_of(fd, who.uid, who.gid) != access_level::FULL) {
         close(fd);
         return;
     }

@@ -1,5 +1,7 @@
 #include "cmdsrv_stream.h"
 
+#include "admission.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -236,6 +238,8 @@ bool stream_listen(const char *name, mode_t access, std::function<void(int, cons
         errno = error;
         return false;
     }
+    if ((access & S_IWOTH) == 0)
+        give_to_group(path);
     watch(fd, EPOLLIN, [fd, hook = std::move(accepted)](std::uint32_t) { accept_all(fd, hook); });
     return true;
 }

@@ -2,6 +2,8 @@
 // not read has a bounded backlog: neither holds up the loop.
 #include "rpc.h"
 
+#include "admission.h"
+
 #include "loop.h"
 
 #include "drops.h"
@@ -11,7 +13,6 @@
 #include <cstring>
 #include <deque>
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -199,7 +200,7 @@ void accept_one()
     ucred credentials{};
     socklen_t length = sizeof credentials;
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0 ||
-        !peer_admitted(credentials.uid, credentials.gid) || rpc().connections.size() >= CONNECTIONS_MAX) {
+        access_of(fd, credentials.uid, credentials.gid) != access_level::FULL || rpc().connections.size() >= CONNECTIONS_MAX) {
         log_line(4, "connection of process " + std::to_string(credentials.pid) + " (user " +
                         std::to_string(credentials.uid) + ") refused");
         close(fd);
@@ -214,23 +215,7 @@ void accept_one()
     watch(fd, EPOLLIN, [id](std::uint32_t events) { connection_ready(id, events); });
 }
 
-// The group that is admitted must be able to open the socket as well.
-void give_to_group(const std::string &path)
-{
-    if (const group *corvane_group = getgrnam("corvane");
-        corvane_group != nullptr && chown(path.c_str(), static_cast<uid_t>(-1), corvane_group->gr_gid) != 0)
-        log_line(4, "cannot give " + path + " to the group corvane: " + std::strerror(errno));
-}
-
 } // namespace
-
-bool peer_admitted(uid_t uid, gid_t gid)
-{
-    if (uid == 0 || uid == geteuid())
-        return true;
-    const group *corvane_group = getgrnam("corvane");
-    return corvane_group != nullptr && corvane_group->gr_gid == gid;
-}
 
 bool rpc_listen()
 {

@@ -21,7 +21,4 @@ bool connection_send(std::uint64_t connection, std::uint32_t kind, std::uint32_t
 // Called before an answer leaves, so that nothing is acknowledged that could still be lost.
 void before_answers(std::function<void()> hook);
 
-// Members of the group `corvane` may connect besides root and the user corvaned runs as.
-[[nodiscard]] bool peer_admitted(uid_t uid, gid_t gid);
-
 } // namespace corvaned
