@@ -11,9 +11,9 @@ constexpr std::size_t FILE_MAX_BYTES = 64 * 1024 * 1024, SAID_MAX = 1024;
 // Lines that are carried out at once before others get their turn: those of the platform do not wait for anybody.
 constexpr std::size_t LINES_A_TURN = 64;
 
-std::string placed(const config_difference::change &change)
+std::string placed(const std::string &interface, const std::string &line)
 {
-    return change.interface.empty() ? change.line : "interface " + change.interface + ": " + change.line;
+    return interface.empty() ? line : "interface " + interface + ": " + line;
 }
 
 } // namespace
@@ -75,11 +75,11 @@ void file_application::begin()
 
 void file_application::show(const config_difference &what)
 {
-    for (const auto &change : what.back)
-        if (!change.line.empty())
-            print("- " + placed(change) + "\n");
+    for (const auto *list : {&what.back, &what.replaced})
+        for (const auto &change : *list)
+            print("- " + placed(change.interface, change.gone) + "\n");
     for (const auto &change : what.enter)
-        print("+ " + placed(change) + "\n");
+        print("+ " + placed(change.interface, change.line) + "\n");
     if (what.back.empty() && what.enter.empty())
         print("nothing differs\n");
     finish(corvane::STATUS_DONE);
@@ -111,7 +111,7 @@ void file_application::answered(const config_difference::change &change, int sta
         ++failed_;
         while (!text.empty() && text.back() == '\n')
             text.pop_back();
-        print(placed(change) + ": " + (text.empty() ? "rejected" : text) + "\n");
+        print(placed(change.interface, change.line) + ": " + (text.empty() ? "rejected" : text) + "\n");
     }
     answered_ = true;
     if (!driving_)

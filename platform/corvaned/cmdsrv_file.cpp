@@ -120,7 +120,7 @@ public:
         else if (!in_interface_)
             refuse_(number_, "'" + shown(text.substr(first)) + "' is indented and no interface line is above it");
         else
-            of_mode(text.substr(first), interface_);
+            of_mode(text.substr(first), interface_, first);
     }
 
 private:
@@ -132,13 +132,13 @@ private:
         of_mode(text, "");
     }
 
-    void of_mode(std::string_view text, const std::string &interface)
+    void of_mode(std::string_view text, const std::string &interface, std::size_t indent = 0)
     {
         auto result = parse({&cmdsrv().commands, mode_of_interface(interface), false, false, nullptr}, text);
         if (result.empty)
             return;
         if (result.error) {
-            refuse_(number_, "column " + std::to_string(result.error.at + 1) + ": " + result.error.text + " in '" +
+            refuse_(number_, "column " + std::to_string(indent + result.error.at + 1) + ": " + result.error.text + " in '" +
                                  shown(text) + "'");
             return;
         }

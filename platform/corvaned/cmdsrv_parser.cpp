@@ -125,8 +125,6 @@ public:
     [[nodiscard]] const std::vector<walker> &walkers() const { return walkers_; }
 
 private:
-    static bool may_view(const grammar_command &command) { return command.shows() || command.client == "shell"; }
-
     static std::string example(const syntax_element &element)
     {
         if (element.type == value_type::INTEGER && element.least > 5)
@@ -282,7 +280,29 @@ attempt parse_in(const parse_context &context, mode m, const split_line &split_w
     return a;
 }
 
+// The mode that a line is meant for which no mode around the current one knows: "" = there is none.
+std::string other_mode(const parse_context &context, const split_line &words, std::string_view line)
+{
+    constexpr std::array<std::pair<mode, const char *>, MODE_COUNT> PLACES = {{
+        {mode::EXEC, "exec mode"},
+        {mode::CONFIGURE, "configure mode"},
+        {mode::OVERLAY, "the mode of an overlay interface"},
+        {mode::DEVICE, "the mode of a device"},
+    }};
+    const auto searched = search_order(context);
+    for (const auto &[m, name] : PLACES)
+        if (std::ranges::find(searched, m) == searched.end() && !parse_in(context, m, words, line).result.error)
+            return std::string("; this is a command of ") + name;
+    return "";
+}
+
 } // namespace
+
+bool may_view(const grammar_command &command)
+{
+    const bool leaves = command.handler == "exit" || command.handler == "end" || command.handler == "help";
+    return command.shows() || (command.client == "shell" && leaves);
+}
 
 const std::string *parsed_command::get(std::string_view name) const
 {
@@ -305,6 +325,8 @@ parse_result parse(const parse_context &context, std::string_view line)
         if (!best || a.words_taken > best->words_taken)
             best = std::move(a);
     }
+    if (context.fall_back)
+        best->result.error.text += other_mode(context, words, line);
     return std::move(best->result);
 }
 

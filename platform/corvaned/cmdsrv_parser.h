@@ -63,6 +63,8 @@ struct parse_context {
     bool views_only = false;        // only commands that show
     const live_values *live = nullptr;
 };
+// Commands of those who may look and not change.
+[[nodiscard]] bool may_view(const grammar_command &command);
 [[nodiscard]] parse_result parse(const parse_context &context, std::string_view line);
 
 struct completion {

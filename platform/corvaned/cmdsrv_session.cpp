@@ -2,6 +2,7 @@
 // fast as the shell takes it, and a handler that prints more waits without holding anything else up.
 #include "cmdsrv_session.h"
 
+#include "admission.h"
 #include "cmdsrv_apply.h"
 #include "cmdsrv_json.h"
 #include "cmdsrv_stream.h"
@@ -9,7 +10,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <grp.h>
 #include <pwd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -78,35 +78,6 @@ session *find(std::uint64_t id)
 }
 
 // ---- who may come in
-
-enum class access_level { NONE, VIEW, FULL };
-
-bool member_of(const std::vector<gid_t> &groups, const char *name)
-{
-    const group *entry = getgrnam(name);
-    return entry != nullptr && std::ranges::find(groups, entry->gr_gid) != groups.end();
-}
-
-std::vector<gid_t> groups_of(int fd, const peer &who)
-{
-    std::vector<gid_t> groups(NGROUPS_MAX > 1024 ? 1024 : NGROUPS_MAX);
-    socklen_t size = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
-    if (getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) != 0)
-        size = 0;
-    groups.resize(size / sizeof(gid_t));
-    groups.push_back(who.gid);
-    return groups;
-}
-
-access_level access_of(int fd, const peer &who)
-{
-    if (who.uid == 0 || who.uid == geteuid())
-        return access_level::FULL;
-    const auto groups = groups_of(fd, who);
-    return member_of(groups, "corvane")        ? access_level::FULL
-           : member_of(groups, "corvane-view") ? access_level::VIEW
-                                               : access_level::NONE;
-}
 
 std::string user_name(uid_t uid)
 {
@@ -327,12 +298,6 @@ void run_of_shell(session &s, const parsed_command &parsed)
     send_result(s, status, over);
 }
 
-bool may_run(const session &s, const parsed_command &parsed)
-{
-    const auto &what = parsed.command->handler;
-    return !s.views_only || parsed.command->shows() || what == "exit" || what == "end" || what == "help";
-}
-
 std::size_t waiting_in_all()
 {
     std::size_t sum = 0;
@@ -376,7 +341,7 @@ void execute(session &s, const std::string &line)
         rejected(s, result.error);
         return;
     }
-    if (!may_run(s, result.command)) {
+    if (s.views_only && !may_view(*result.command.command)) {
         rejected(s, {0, 0, "permission denied: members of corvane-view may look, not change"});
         return;
     }
@@ -522,7 +487,7 @@ void refuse(int fd, int error, const std::string &why)
 
 void accepted(int fd, const peer &who)
 {
-    const access_level level = access_of(fd, who);
+    const access_level level = access_of(fd, who.uid, who.gid);
     if (level == access_level::NONE) {
         log_line(4, "a shell of " + user_name(who.uid) + " is refused: not in the group corvane or corvane-view");
         refuse(fd, EACCES, "permission denied: not in the group corvane or corvane-view");

@@ -328,12 +328,14 @@ config_difference difference(config_store &from, config_store &to)
             return;
         }
         if (makes_interface(line)) {
-            result.back.push_back({"", opposite(line), line.id});
+            result.back.push_back({"", opposite(line), line.id, line.full()});
             return;
         }
         const bool replaced = line.command->keep == keep_rule::ONCE && keys_to.contains({line.interface, line.key});
-        if (!replaced && !interface_goes.contains(line.interface))
-            result.back.push_back({line.interface, opposite(line), line.id});
+        if (replaced)
+            result.replaced.push_back({line.interface, "", line.id, line.full()});
+        else if (!interface_goes.contains(line.interface))
+            result.back.push_back({line.interface, opposite(line), line.id, line.full()});
     });
     std::ranges::reverse(result.back);
     to.each([&](config_line &line) {
@@ -341,7 +343,7 @@ config_difference difference(config_store &from, config_store &to)
             --left;
             return;
         }
-        result.enter.push_back({makes_interface(line) ? "" : line.interface, line.full(), 0});
+        result.enter.push_back({makes_interface(line) ? "" : line.interface, line.full(), 0, ""});
     });
     return result;
 }

@@ -101,8 +101,10 @@ struct config_difference {
         std::string interface;           // "" = global
         std::string line;                // as it would be entered in that mode; "": it is only forgotten
         std::uint64_t id = 0;            // of the line that goes, 0: a line comes
+        std::string gone;                // the line that goes, as it stands in the configuration
     };
     std::vector<change> back, enter;
+    std::vector<change> replaced;        // lines that go without being taken back, since one that is entered replaces them
 };
 [[nodiscard]] config_difference difference(config_store &from, config_store &to);
 

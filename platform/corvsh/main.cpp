@@ -212,13 +212,22 @@ private:
     bool failed_ = false;
 };
 
-// For completion in other shells: the words that can be typed, one a line.
+// For completion in other shells: what may come next, one a line. Words can be typed as they are; a value that cannot
+// be listed is its name in angle brackets, the end of the command "<cr>".
 int print_completions(connection &server, const std::string &line)
 {
     for (const auto &c : server.complete(line).list)
-        if (c.insertable)
-            std::printf("%s\n", c.word.c_str());
+        std::printf("%s\n", c.word.empty() ? "<cr>" : c.word.c_str());
     return EXIT_ACCEPTED;
+}
+
+// Brings the session into the mode in which a line is to be completed.
+void enter_modes(connection &server, const std::vector<task> &tasks)
+{
+    for (const auto &t : tasks)
+        (void)server.execute(t.text, {[](bool, std::string_view) { return true; },
+                                      [](std::size_t, std::size_t, const std::string &) {},
+                                      [] { return false; }});
 }
 
 } // namespace
@@ -240,8 +249,10 @@ int main(int argc, char **argv)
             std::fprintf(stderr, "corvsh: %s\n", error.c_str());
         return EXIT_REJECTED;
     }
-    if (chosen.completes)
+    if (chosen.completes) {
+        enter_modes(server, chosen.tasks);
         return print_completions(server, chosen.complete);
+    }
     shell here(server);
     if (!chosen.tasks.empty())
         return here.run_tasks(chosen.tasks);

@@ -9,8 +9,10 @@
 using namespace corvaned;
 using corvaned_test::installed_grammar;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::Pair;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
@@ -127,6 +129,23 @@ TEST(Quoted, QuotesOnlyWhatNeedsIt)
     EXPECT_EQ(quoted("|"), "\"|\"");
     EXPECT_EQ(quoted("a\"\\"), "\"a\\\"\\\\\"");
     EXPECT_EQ(split(quoted("a \"\\ b")).words[0].text, "a \"\\ b");
+}
+
+TEST_F(Parser, SaysWhichOtherModeALineIsMeantFor)
+{
+    EXPECT_THAT(error("lum vpn-site-vlan 5"), EndsWith("; this is a command of configure mode"));
+    EXPECT_THAT(error("lum vpn-name x"), EndsWith("; this is a command of the mode of an overlay interface"));
+    current = mode::OVERLAY;
+    EXPECT_THAT(error("switchport access vlan 5"), EndsWith("; this is a command of the mode of a device"));
+    EXPECT_THAT(error("switchport access vlan x"), Not(HasSubstr("this is a command")));
+}
+
+TEST_F(Parser, OffersThoseWhoOnlyLookWhatTheyMayDo)
+{
+    std::vector<std::string> found;
+    for (const auto &c : complete({&g, current, true, true, &live}, "").choices)
+        found.push_back(c.word);
+    EXPECT_THAT(found, ElementsAre("exit", "help", "show"));
 }
 
 TEST_F(Parser, FindsACommandAndItsArguments)

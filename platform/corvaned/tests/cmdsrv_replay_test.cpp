@@ -73,9 +73,9 @@ TEST_F(Startup, ReportsEachBadLineAndTakesTheRest)
     EXPECT_EQ(errors(), "startup.test:1: 'lum vpn-name early' is indented and no interface line is above it\n"
                         "startup.test:2: column 1: unknown word \"show\"; expected chassis, end, exit, help, interface, "
                         "logging or lum in 'show drops'\n"
-                        "startup.test:4: column 1: unknown word \"switchprt\"; expected end, exit, help, join-group, "
+                        "startup.test:4: column 3: unknown word \"switchprt\"; expected end, exit, help, join-group, "
                         "lum, shutdown or switchport in 'switchprt'\n"
-                        "startup.test:5: column 10: expected a VLAN id, 0 to 4095 in 'lum vlan 4096'\n"
+                        "startup.test:5: column 11: expected a VLAN id, 0 to 4095 in 'lum vlan 4096'\n"
                         "startup.test:7: column 18: incomplete command; expected <vlan-id> (a VLAN id, 0 to 4095, as "
                         "10) in 'lum vpn-site-vlan'\n");
     EXPECT_EQ(running(), "interface eth1\n  switchport\n");
@@ -342,15 +342,15 @@ TEST_F(Apply, EntersOnlyWhatDiffers)
 
 TEST_F(Apply, SaysWhatWouldChangeAndChangesNothing)
 {
-    load("chassis generic\ninterface eth1\n  switchport\n");
+    load("chassis generic\ninterface eth1\n  switchport\nlum vpn-site-vlan 3\n");
     platform_did.clear();
     fake_shell shell;
-    shell.file = "interface eth1\n  switchport\n  shutdown\n";
+    shell.file = "interface eth1\n  switchport\n  shutdown\nlum vpn-site-vlan 5\n";
     const auto answer = shell.run("configure file some.conf --check");
-    EXPECT_EQ(answer.out, "- no chassis generic\n+ interface eth1: shutdown\n");
+    EXPECT_EQ(answer.out, "- chassis generic\n- lum vpn-site-vlan 3\n+ interface eth1: shutdown\n+ lum vpn-site-vlan 5\n");
     EXPECT_EQ(answer.status, corvane::STATUS_DONE);
     EXPECT_THAT(platform_did, IsEmpty());
-    EXPECT_EQ(running(), "chassis generic\ninterface eth1\n  switchport\n");
+    EXPECT_EQ(running(), "chassis generic\ninterface eth1\n  switchport\nlum vpn-site-vlan 3\n");
 }
 
 TEST_F(Apply, ChangesNothingWhenTheFileHasMistakes)
@@ -360,7 +360,7 @@ TEST_F(Apply, ChangesNothingWhenTheFileHasMistakes)
     shell.file = "interface eth1\n  swtichport\n";
     const auto answer = shell.run("configure file some.conf");
     EXPECT_EQ(answer.status, corvane::STATUS_REJECTED);
-    EXPECT_THAT(answer.out, StartsWith("some.conf:2: column 1: unknown word \"swtichport\""));
+    EXPECT_THAT(answer.out, StartsWith("some.conf:2: column 3: unknown word \"swtichport\""));
     EXPECT_THAT(answer.out, HasSubstr("nothing was changed"));
     EXPECT_EQ(running(), "chassis generic\n");
 }
