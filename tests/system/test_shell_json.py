@@ -139,6 +139,7 @@ class ShellJson(unittest.TestCase):
         self.assertEqual((services[581]["name"], services[581]["pid"]), ("lum", self.edge.lum_pid()))
         version = self.show("show lum version")["version"]
         self.assertIn(f"Revision   : {version['revision']}\n", self.edge.corvsh("show lum version"))
+        self.assertRegex(version["revision"], r"^[0-9a-f]{7,}|-g[0-9a-f]{7,}" if (ROOT / ".git").exists() else ".")
         log = self.show("show logging")["log"]
         self.assertIn(self.edge.process.pid, [entry["pid"] for entry in log if entry["process"] == "corvaned"])
 
