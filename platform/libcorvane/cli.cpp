@@ -201,6 +201,7 @@ void cli_exit_thread()
         return;
     cli().ending = true;
     corvane::wake();
+    plock_assert_held();
     {
         const plock_yield_scope unlocked;                    // the thread may be waiting for the lock
         (void)pthread_join(cli().thread, nullptr);

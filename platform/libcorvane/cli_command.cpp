@@ -42,6 +42,7 @@ template <class Value, class Read> bool read(const cli_cmd *cmd, const char *nam
 // The handler's thread waits here for a reader that is slow; the rest of the process goes on.
 void wait_for_credit(cli_cmd &cmd, std::size_t wanted)
 {
+    plock_assert_held();
     const plock_yield_scope unlocked;
     const auto end = steady_clock::now() + CREDIT_PATIENCE;
     while (cmd.credit < wanted && !cmd.stopped) {
