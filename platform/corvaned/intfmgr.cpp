@@ -291,4 +291,9 @@ void intfmgr_start()
     service_hosted(SVC_INTFMGR, "intfmgr");
 }
 
+void intfmgr_started()
+{
+    intfmgr().manager->started();
+}
+
 } // namespace corvaned

@@ -47,4 +47,7 @@ void intfmgr_announce(std::uint32_t opcode, corvane::byte_view payload);
 // none does yet. False: it could not be brought about.
 bool intfmgr_ensure_altname(const std::string &name);
 
+// Every service has started and the configuration is read: the interface table is what this process knows now.
+void intfmgr_started();
+
 } // namespace corvaned

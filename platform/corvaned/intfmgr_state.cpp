@@ -68,7 +68,7 @@ void interface_manager::start(const std::vector<std::pair<std::string, std::uint
         if (!before.empty() && (now == names.end() || now->second != before))
             environment_.iod_lost(iod);
     }
-    table_.clear();
+    table_.clear_held();
     for (const auto &[iod, name] : names)
         table_.write(iod, {.name = name});
 }

@@ -43,8 +43,9 @@ public:
     interface_manager(corvane::interface_table &table, environment given);
 
     // Takes the numbers that were kept over, frees the table of what is not there, and reports through iod_lost where
-    // it named another interface than the numbers do.
+    // it named another interface than the numbers do. Readers go on with a former manager's table until started().
     void start(const std::vector<std::pair<std::string, std::uint32_t>> &kept_iods);
+    void started() { table_.publish(); }
 
     // What the kernel says.
     void link(const link_info &link);

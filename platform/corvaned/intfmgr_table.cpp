@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 using namespace corvane;
 
@@ -54,25 +55,51 @@ void interface_table_writer::clear()
     table_.magic.store(INTERFACE_TABLE_MAGIC);
 }
 
+void interface_table_writer::clear_held()
+{
+    if (table_.magic.load() != INTERFACE_TABLE_MAGIC) {
+        clear();
+        return;
+    }
+    values_ = {};
+    held_ = true;
+}
+
+void interface_table_writer::publish()
+{
+    if (!std::exchange(held_, false))
+        return;
+    for (std::uint32_t iod = 0; iod < INTERFACE_SLOTS; ++iod)
+        store(iod);
+    rebuild_index();
+    table_.generation.fetch_add(1, std::memory_order_release);
+}
+
+void interface_table_writer::store(std::uint32_t iod)
+{
+    const slot_values &values = values_[iod];
+    interface_slot &slot = table_.slot[iod];
+    const changing guard(slot.sequence);
+    slot.flags.store(values.flags, std::memory_order_release);
+    slot.ifindex.store(values.ifindex, std::memory_order_release);
+    slot.context.store(values.context, std::memory_order_release);
+    slot.ipv4.store(values.ipv4, std::memory_order_release);
+    slot.mtu.store(values.mtu, std::memory_order_release);
+    store_bytes(slot.ipv6, values.ipv6.data(), values.ipv6.size());
+    std::uint64_t mac = 0;
+    std::memcpy(&mac, values.mac.data(), values.mac.size());
+    slot.mac.store(mac, std::memory_order_release);
+    store_bytes(slot.name, values.name.data(), std::min(values.name.size(), sizeof slot.name - 1));
+}
+
 void interface_table_writer::write(std::uint32_t iod, const slot_values &values)
 {
     slot_values &old = values_[iod];
-    interface_slot &slot = table_.slot[iod];
     const bool reindex = old.name != values.name || old.ifindex != values.ifindex;
-    {
-        const changing guard(slot.sequence);
-        slot.flags.store(values.flags, std::memory_order_release);
-        slot.ifindex.store(values.ifindex, std::memory_order_release);
-        slot.context.store(values.context, std::memory_order_release);
-        slot.ipv4.store(values.ipv4, std::memory_order_release);
-        slot.mtu.store(values.mtu, std::memory_order_release);
-        store_bytes(slot.ipv6, values.ipv6.data(), values.ipv6.size());
-        std::uint64_t mac = 0;
-        std::memcpy(&mac, values.mac.data(), values.mac.size());
-        slot.mac.store(mac, std::memory_order_release);
-        store_bytes(slot.name, values.name.data(), std::min(values.name.size(), sizeof slot.name - 1));
-    }
     old = values;
+    if (held_)
+        return;
+    store(iod);
     if (reindex)
         rebuild_index();
     table_.generation.fetch_add(1, std::memory_order_release);

@@ -23,13 +23,19 @@ public:
     [[nodiscard]] std::string name_of(std::uint32_t iod) const;    // as a former writer left it too
     void write(std::uint32_t iod, const slot_values &values);      // name "" frees the slot
     void clear();                                            // every slot: nothing is there yet
+    // The same, but readers go on with what a former writer left until publish(): a daemon that forwards is not to see
+    // its interfaces go and come again because their manager is starting.
+    void clear_held();
+    void publish();
 
 private:
+    void store(std::uint32_t iod);
     void rebuild_index();
     static void put(std::atomic<std::uint16_t> *index, std::uint32_t iod, std::uint32_t at);
 
     corvane::interface_table &table_;
     std::array<slot_values, corvane::INTERFACE_SLOTS> values_;
+    bool held_ = false;
 };
 
 } // namespace corvaned

@@ -2,6 +2,7 @@
 // daemon in order.
 #include "attendants.h"
 #include "database.h"
+#include "intfmgr.h"
 #include "log.h"
 #include "loop.h"
 #include "options.h"
@@ -99,6 +100,7 @@ void start_services()
     rtab_start();
     peers_start();
     cmdsrv_start();
+    intfmgr_started();
     attendants_start();
     svcmgr_start();
 }

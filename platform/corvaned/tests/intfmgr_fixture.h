@@ -72,6 +72,7 @@ protected:
         e.iods.erase = [this](const std::string &name) { stored.erase(name); };
         manager = std::make_unique<interface_manager>(*table, e);
         manager->start(kept);
+        manager->started();
         manager->on_event([this](const interface_state &i, interface_event event) {
             const char *const names[] = {"created", "up", "down", "removed"};
             events.push_back(i.name + " " + names[static_cast<std::size_t>(event)]);

@@ -79,6 +79,38 @@ TEST_F(InterfaceTable, AnswersReadersWhoseWriterDiedHalfWay)
     EXPECT_TRUE(interface_read(*table, 1, record));
 }
 
+TEST_F(InterfaceTable, ShowsWhatAFormerWriterLeftUntilItsSuccessorHasStarted)
+{
+    writer.write(1, named("eth1", 7));
+    writer.write(2, named("eth2", 8));
+    const std::uint32_t before = table->generation.load();
+
+    interface_table_writer successor(*table);
+    successor.clear_held();
+    successor.write(1, named("eth1", 7));
+    interface_record record;
+    EXPECT_TRUE(interface_read(*table, 2, record));
+    EXPECT_STREQ(record.name, "eth2");
+    EXPECT_EQ(interface_by_name(*table, "eth2"), 2u);
+    EXPECT_EQ(table->generation.load(), before);
+
+    successor.publish();
+    EXPECT_EQ(interface_by_name(*table, "eth1"), 1u);
+    EXPECT_EQ(interface_by_name(*table, "eth2"), 0u);
+    ASSERT_TRUE(interface_read(*table, 2, record));
+    EXPECT_STREQ(record.name, "");
+    EXPECT_GT(table->generation.load(), before);
+}
+
+TEST_F(InterfaceTable, IsShownAtOnceWhenNobodyWroteItBefore)
+{
+    auto fresh = std::make_unique<interface_table>();
+    interface_table_writer first(*fresh);
+    first.clear_held();
+    first.write(1, named("eth1", 7));
+    EXPECT_EQ(interface_by_name(*fresh, "eth1"), 1u);
+}
+
 TEST_F(InterfaceTable, NeverShowsHalfASlot)
 {
     writer.write(1, named("aaaaaaaaaaaaaaaaaaaaaaaaaaaa", 1));
