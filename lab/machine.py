@@ -125,7 +125,7 @@ class Machine:
         return self.console_log.read_text(errors="replace") if self.console_log.exists() else ""
 
     def run(self, *argv, timeout=30, **options):
-        return run("nsenter", "-t", self.pid, "-m", "-p", "-u", "-i", "-n", "-C", "-r", "-w/", *argv, timeout=timeout,
+        return run("nsenter", "-t", self.pid, "-m", "-p", "-u", "-i", "-n", "-C", "-r", "--wdns=/", *argv, timeout=timeout,
                    **options)
 
     def shell(self, text, **options):
