@@ -10,7 +10,9 @@ need_root() {
 build_packages="g++ cmake ninja-build pkg-config libmnl-dev libsqlite3-dev libsystemd-dev libedit-dev libcap-ng-dev
     nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev"
 lab_packages="python3 iproute2 iputils-ping iperf3 smcroute"
-test_packages="systemd dpkg-dev"
+test_packages="systemd dpkg-dev dnsmasq-base busybox nginx-light avahi-daemon ndisc6 curl"
+# Of these packages only the programs are wanted: none may make this machine a router, a web server or a responder.
+quiet_services="smcroute nginx avahi-daemon"
 
 # install_packages NAME...: those of the packages that are missing, with apt.
 install_packages() {
@@ -20,24 +22,28 @@ install_packages() {
     done
     [ ${#missing[@]} -eq 0 ] && return 0
     echo "installing: ${missing[*]}"
-    local log hold=no
+    local log policy=/usr/sbin/policy-rc.d hold=no service new=()
     log=$(mktemp)
-    # smcroute is for the lab's namespaces only: its package's own service must not make this machine a multicast router.
-    if [[ " ${missing[*]} " == *" smcroute "* ]] && [ -d /run/systemd/system ]; then
-        hold=yes
-        systemctl mask --runtime --quiet smcroute.service
-    fi
-    if ! { apt-get update && DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}"; } \
-            >"$log" 2>&1 </dev/null; then
+    for service in $quiet_services; do
+        dpkg-query -W "$service" >/dev/null 2>&1 || new+=("$service.service")
+    done
+    # Debian's own way to keep what is installed from being started.
+    [ -e $policy ] || hold=yes
+    if ! (
+        if [ $hold = yes ]; then
+            trap 'rm -f $policy' EXIT
+            printf '#!/bin/sh\nexit 101\n' >$policy && chmod 755 $policy
+        fi
+        apt-get update && DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}"
+    ) >"$log" 2>&1 </dev/null; then
         tail -n 30 "$log" >&2
         echo "apt could not install: ${missing[*]}" >&2
         rm -f "$log"
         return 1
     fi
     rm -f "$log"
-    if [ $hold = yes ]; then
-        systemctl disable --quiet smcroute.service 2>/dev/null
-        systemctl unmask --runtime --quiet smcroute.service
+    if [ -d /run/systemd/system ] && [ ${#new[@]} -ne 0 ]; then
+        systemctl disable --quiet "${new[@]}" 2>/dev/null
     fi
     return 0
 }

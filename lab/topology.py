@@ -13,6 +13,7 @@ import contextlib
 import json
 import re
 import time
+from pathlib import Path
 
 from .netns import LabError, wait_until
 
@@ -147,7 +148,7 @@ class Core:
             raise LabError(f"smcroute ended:\n{self.smcroute.output()}")
 
     def _group_routes(self):
-        count = lambda path: self.ns.enter(lambda: max(0, len(open(path).readlines()) - 1))
+        count = lambda path: self.ns.enter(lambda: max(0, len(Path(path).read_text().splitlines()) - 1))
         with contextlib.suppress(OSError):
             return count("/proc/thread-self/net/ip_mr_cache") + count("/proc/thread-self/net/ip6_mr_cache")
         return 0
