@@ -53,8 +53,9 @@ class Soak(TwoSites):
 
     def many_routes(self, edge, chance):
         macs = [f"10/02:20:00:00:{chance.randrange(256):02x}:{n:02x}" for n in range(200)]
-        edge.configure(*(f"lum route {mac} interface Overlay1 next-hop 198.18.9.9" for mac in macs))
-        edge.configure(*(f"no lum route {mac}" for mac in macs))
+        lines = [f"lum route {mac} interface Overlay1 next-hop 198.18.9.9" for mac in macs]
+        edge.configure(*lines)
+        edge.configure(*(f"no {line}" for line in lines))    # the next hop says which route goes
 
     def show_everything(self, edge, _chance):
         for command in ("show lum overlay", "show lum vlan detail", "show lum arp-nd-cache", "show running-config",
