@@ -56,6 +56,10 @@ struct state;                    // what the implementation keeps besides the me
 // Runs `work` with the process lock given up altogether, and takes it back as deep as it was held.
 void without_process_lock(const std::function<void()> &work);
 
+// Traces as they were printed, and tags of catalogued messages, since the program began, whatever was forgotten
+// meanwhile. For checks when all tests have run.
+[[nodiscard]] std::set<std::string> emitted_texts();
+
 // What the daemon asked of the platform and what left the process. `forget` empties it.
 struct recorded {
     std::vector<call_record> calls;              // in order

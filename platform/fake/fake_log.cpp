@@ -3,6 +3,7 @@
 
 #include <cstdarg>
 #include <cstring>
+#include <mutex>
 
 evhist_facility *evhist_sys_facility = nullptr;
 const char *evhist_dbg_modname = "lum";
@@ -24,7 +25,30 @@ std::string tag_of(const std::string &text)
                : text.substr(second + 1, end - second - 1);
 }
 
+struct emission {
+    std::mutex lock;
+    std::set<std::string> texts;
+};
+
+emission &emitted()
+{
+    static auto *the_texts = new emission;
+    return *the_texts;
+}
+
+void note_emitted(const std::string &text)
+{
+    const std::lock_guard hold(emitted().lock);
+    emitted().texts.insert(text);
+}
+
 } // namespace
+
+std::set<std::string> emitted_texts()
+{
+    const std::lock_guard hold(emitted().lock);
+    return emitted().texts;
+}
 
 void platform_object::set_facility(bool set)
 {
@@ -46,6 +70,7 @@ int syslog_msg_rate_limit(const syslog_msg_full *record, ...)
     const std::string prefix =
         "<<%" + std::string(record->facility->name) + "-" + std::to_string(severity) + "-" + record->tag + ">> ";
     platform.syslog.push_back({severity, record->tag, prefix + format_text(record->format, values)});
+    note_emitted(record->tag);
     va_end(values);
     return 0;
 }
@@ -58,6 +83,7 @@ void vemo_krel_syslog(const syslog_vmsg_params_block & /*params*/, std::uint32_t
     const std::string text = format_text(prefixed_format, values);
     va_end(values);
     platform.syslog.push_back({severity, tag_of(text), text});
+    note_emitted(tag_of(text));
 }
 
 void syslog_traceback(const syslog_vmsg_params_block & /*params*/, const char *facility, std::uint32_t severity,
@@ -71,6 +97,7 @@ void krel_syslog(int level, const char *format, ...)
     va_list values;
     va_start(values, format);
     platform.traces.push_back({level, format_text(format, values)});
+    note_emitted(platform.traces.back().text);
     va_end(values);
 }
 
