@@ -51,6 +51,12 @@ std::uint32_t lum_get_static_ecmp(const lum_mac_info &mac) LUM_LOCKED;       // 
 lum_static_entry *lum_add_static_route(const lum_mac_info &mac, const lum_addr &next_hop, const char *if_name)
     LUM_LOCKED;                                                              // null: no memory
 void lum_delete_static_route(const lum_mac_info &mac, const lum_addr &next_hop) LUM_LOCKED;
+void lum_remove_static_route(lum_static_entry *entry) LUM_LOCKED;            // unlinks and frees it
+// The first route that this command would make: by its next hop, else by the interface's name, which may have had
+// another iod then, or none. Otherwise a route whose interface is gone could not be taken back.
+lum_static_entry *lum_get_static_route_as_entered(const lum_mac_info &mac, const lum_addr &next_hop,
+                                                  const char *if_name) LUM_LOCKED;
+bool lum_static_entry_has_name(const lum_static_entry &entry, const char *if_name);
 lum_static_entry *lum_add_static_tunnel(const lum_addr &address, const char *if_name) LUM_LOCKED;
 void lum_delete_static_tunnel(const lum_addr &address) LUM_LOCKED;
 

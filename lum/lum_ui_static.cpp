@@ -39,9 +39,13 @@ bool must_wait(const route_arguments &arguments, bool multicast)
 
 int delete_route(const lum_mac_info &mac, const route_arguments &arguments, bool multicast) LUM_LOCKED
 {
-    lum_delete_static_route(mac, arguments.next_hop);
+    lum_addr next_hop = arguments.next_hop;
+    if (auto *entry = lum_get_static_route_as_entered(mac, next_hop, arguments.if_name); entry != nullptr) {
+        next_hop = entry->next_hop;
+        lum_remove_static_route(entry);
+    }
     if (!must_wait(arguments, multicast))
-        lum_delete_from_rtab(mac, arguments.next_hop);
+        lum_delete_from_rtab(mac, next_hop);
     return CLI_DONE;
 }
 

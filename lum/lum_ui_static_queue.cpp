@@ -76,6 +76,18 @@ void free_entry(rqueue &queue, lum_static_entry *entry)
     memacct_free(LUM_SERVICE, LUM_MEM_TYPE_STATIC, entry);
 }
 
+// As the next hops were entered: the iod is that of the interface's name at the time.
+bool same_but_for_iod(const lum_addr &a, const lum_addr &b)
+{
+    if (a.kind != b.kind)
+        return false;
+    if (a.kind != LUM_ADDR_NEXT_HOP)
+        return a.kind == LUM_ADDR_IOD || a.kind == LUM_ADDR_EMPTY;
+    lum_addr other = b;
+    lum_addr_set_word(other, 0, lum_next_hop_iod(a));
+    return lum_addr_equal(a, other);
+}
+
 } // namespace
 
 lum_static_entry *lum_first_static_route(const lum_mac_info &mac) { return skip_to(place_of(mac).first, mac); }
@@ -108,11 +120,30 @@ lum_static_entry *lum_add_static_route(const lum_mac_info &mac, const lum_addr &
 
 void lum_delete_static_route(const lum_mac_info &mac, const lum_addr &next_hop)
 {
-    lum_static_entry *entry = lum_get_static_route(mac, next_hop);
-    if (entry == nullptr)
-        return;
+    if (lum_static_entry *entry = lum_get_static_route(mac, next_hop); entry != nullptr)
+        lum_remove_static_route(entry);
+}
+
+void lum_remove_static_route(lum_static_entry *entry)
+{
     remove_from_index(entry);
     free_entry(lum_staticQ, entry);
+}
+
+bool lum_static_entry_has_name(const lum_static_entry &entry, const char *if_name)
+{
+    return std::strncmp(entry.if_name, if_name, sizeof entry.if_name) == 0;
+}
+
+lum_static_entry *lum_get_static_route_as_entered(const lum_mac_info &mac, const lum_addr &next_hop, const char *if_name)
+{
+    if (lum_static_entry *entry = lum_get_static_route(mac, next_hop); entry != nullptr)
+        return entry;
+    lum_static_entry *entry = lum_first_static_route(mac);
+    while (entry != nullptr && !(same_but_for_iod(entry->next_hop, next_hop) &&
+                                 lum_static_entry_has_name(*entry, if_name != nullptr ? if_name : "")))
+        entry = lum_next_static_route(entry);
+    return entry;
 }
 
 lum_static_entry *lum_get_static_tunnel(const lum_addr &address)

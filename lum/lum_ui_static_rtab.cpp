@@ -45,11 +45,9 @@ element element_at(std::uint8_t *buffer, std::size_t n)
     return element{buffer + RTAB_UPDATE_HEADER + n * ELEMENT_SIZE, ELEMENT_SIZE};
 }
 
-// Takes any entry's name: one of 40 characters has no terminator.
 bool is_entry_of(const lum_static_entry &entry, const char *if_name)
 {
-    return !lum_mac_is_multicast(entry.mac.mac.data()) &&
-           std::strncmp(entry.if_name, if_name, sizeof entry.if_name) == 0;
+    return !lum_mac_is_multicast(entry.mac.mac.data()) && lum_static_entry_has_name(entry, if_name);
 }
 
 lum_static_entry *first_static() { return reinterpret_cast<lum_static_entry *>(lum_staticQ.head); }
