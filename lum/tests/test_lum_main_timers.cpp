@@ -156,6 +156,19 @@ TEST_F(LumProcessLearnTimer, KeepsARouteThatTalksAndAgesOneThatFellSilent)
     EXPECT_EQ(platform.find_route(key(HOST_A)), nullptr);
 }
 
+// Whenever a host begins to talk: its minute must not end just where the ager looks.
+TEST_F(LumProcessLearnTimer, KeepsEveryHostThatTalksWhateverTheMomentItBegan)
+{
+    constexpr std::uint32_t HOSTS = 24, STEP_S = 5, FLUSHED_WITHIN = 4;
+    for (std::uint32_t step = 0; step < 400; ++step) {
+        for (std::uint32_t n = 0; n < HOSTS && n <= step; ++n)
+            lum_learn(key(numbered(n)), PORT_A);
+        platform.advance(STEP_S);
+        for (std::uint32_t n = 0; n < HOSTS && n + FLUSHED_WITHIN <= step; ++n)
+            ASSERT_NE(platform.find_route(key(numbered(n))), nullptr) << "host " << n << ", step " << step;
+    }
+}
+
 using LumAger = LumTimers;
 
 TEST_F(LumAger, KeepsARouteOfFiftyNineSecondsAndWithdrawsOneOfSixty)

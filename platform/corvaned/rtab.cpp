@@ -6,6 +6,7 @@
 #include "rtab_elements.h"
 
 #include "../api/svcmgr.h"
+#include "../wire/rtab_update.h"
 #include "../wire/svcmgr.h"
 
 #include <sys/random.h>
@@ -90,7 +91,8 @@ answer update(const peer &from, byte_view request)
     const byte_view elements = in.rest();
     if (!in.ok() || count > RTAB_UPDATE_ELEMENTS_MAX || elements.size() != count * RTAB_UPDATE_STRIDE)
         return {EINVAL, {}};
-    const rtab_caller caller{from.service, now_ns(), [](std::uint32_t iod) { return intfmgr_exists(iod); }};
+    const std::uint64_t data_ns = now_ns() + std::uint64_t{RTAB_DATA_LEAD_S} * 1'000'000'000;
+    const rtab_caller caller{from.service, data_ns, [](std::uint32_t iod) { return intfmgr_exists(iod); }};
     const std::uint32_t refused = rtab_apply(*service.table, caller, header, elements, count);
     return {0, byte_writer().put(refused).take()};
 }

@@ -10,6 +10,7 @@ namespace fake {
 
 namespace {
 
+using corvane::RTAB_DATA_LEAD_S;
 using corvane::RTAB_ELEMENT_MAC;
 using corvane::RTAB_ELEMENT_NEXTHOP;
 using corvane::RTAB_ELEMENT_NEXTHOPS;
@@ -176,7 +177,7 @@ bool learn(const element &e)
         return false;
     route_entry &r = entry(e.key);
     r.learnt = route_nexthop{e.nexthop, platform.own_service, true};
-    r.learnt_seen = platform.now;
+    r.learnt_seen = {platform.now.seconds + RTAB_DATA_LEAD_S, platform.now.nanoseconds};
     settle(r);
     return true;
 }

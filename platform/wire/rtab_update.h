@@ -32,4 +32,9 @@ inline constexpr std::size_t RTAB_ELEMENT_NEXTHOP = 24;      // rtab_addr
 inline constexpr std::uint8_t RTAB_OPERATION_NONE = 0, RTAB_OPERATION_ADD = 1, RTAB_OPERATION_DELETE = 2;
 static_assert(RTAB_ELEMENT_NEXTHOP + sizeof(rtab_addr) == RTAB_UPDATE_STRIDE);
 
+// A learnt route's data time is that much ahead of its update. Clients update a route again with the first data after a
+// whole number of their periods, and look for stale ones at whole periods too: without the lead both would meet, and a
+// host that talks all the time would lose its route for having been silent between its minute's end and that moment.
+inline constexpr std::uint32_t RTAB_DATA_LEAD_S = 1;
+
 } // namespace corvane
