@@ -10,10 +10,20 @@ namespace {
 constexpr std::size_t FILE_MAX_BYTES = 64 * 1024 * 1024, SAID_MAX = 1024;
 // Lines that are carried out at once before others get their turn: those of the platform do not wait for anybody.
 constexpr std::size_t LINES_A_TURN = 64;
+// Lines that are with a client and not answered yet. It takes them in order, and waiting for each answer would cost
+// more than the lines themselves.
+constexpr std::size_t ON_THE_WAY_MAX = 64;
 
 std::string placed(const std::string &interface, const std::string &line)
 {
     return interface.empty() ? line : "interface " + interface + ": " + line;
+}
+
+constexpr const char *PLATFORM = "platform";
+
+parse_result parse_change(const config_difference::change &change)
+{
+    return parse({&cmdsrv().commands, mode_of_interface(change.interface), false, false, nullptr}, change.line);
 }
 
 } // namespace
@@ -88,21 +98,36 @@ void file_application::show(const config_difference &what)
 // Lines of the platform are done at once, those of clients later: then the answer goes on.
 void file_application::drive()
 {
-    for (std::size_t n = 0; n < LINES_A_TURN; ++n) {
-        if (stopped_ || at_ == changes_.size()) {
-            if (stopped_)
-                print("stopped: " + std::to_string(changes_.size() - at_) + " lines were not entered\n");
-            finish(failed_ == 0 && !stopped_ ? corvane::STATUS_DONE : corvane::STATUS_REJECTED);
-            return;
-        }
-        answered_ = false;
-        driving_ = true;
+    if (std::exchange(driving_, true))
+        return;
+    for (std::size_t n = 0; n < LINES_A_TURN && may_go_on(); ++n)
         carry_out(changes_[at_++]);
-        driving_ = false;
-        if (!answered_)
-            return;
+    driving_ = false;
+    if (may_go_on()) {
+        after(std::chrono::milliseconds(0), [self = shared_from_this()] { self->drive(); });
+        return;
     }
-    after(std::chrono::milliseconds(0), [self = shared_from_this()] { self->drive(); });
+    if (on_the_way_ > 0 || (at_ < changes_.size() && !stopped_))
+        return;
+    if (at_ < changes_.size())
+        print("stopped: " + std::to_string(changes_.size() - at_) + " lines were not entered\n");
+    finish(failed_ == 0 && at_ == changes_.size() ? corvane::STATUS_DONE : corvane::STATUS_REJECTED);
+}
+
+// Lines overtake each other only where nobody could see it: those of one client stay in order.
+bool file_application::may_go_on()
+{
+    if (stopped_ || at_ == changes_.size())
+        return false;
+    if (on_the_way_ == 0)
+        return true;
+    return on_the_way_ < ON_THE_WAY_MAX && with_ != PLATFORM && client_of(changes_[at_]) == with_;
+}
+
+std::string file_application::client_of(const config_difference::change &change)
+{
+    const auto parsed = parse_change(change);
+    return change.line.empty() || parsed.error ? PLATFORM : parsed.command.command->client;
 }
 
 void file_application::answered(const config_difference::change &change, int status, std::string text)
@@ -113,23 +138,25 @@ void file_application::answered(const config_difference::change &change, int sta
             text.pop_back();
         print(placed(change.interface, change.line) + ": " + (text.empty() ? "rejected" : text) + "\n");
     }
-    answered_ = true;
-    if (!driving_)
-        drive();
+    --on_the_way_;
+    drive();
 }
 
 void file_application::carry_out(const config_difference::change &change)
 {
+    ++on_the_way_;
+    with_ = PLATFORM;
     if (change.line.empty()) {
         cmdsrv().running.remove(change.id);
         answered(change, corvane::STATUS_DONE, "");
         return;
     }
-    auto parsed = parse({&cmdsrv().commands, mode_of_interface(change.interface), false, false, nullptr}, change.line);
+    auto parsed = parse_change(change);
     if (parsed.error) {
         answered(change, corvane::STATUS_REJECTED, parsed.error.text);
         return;
     }
+    with_ = parsed.command.command->client;
     const auto said = std::make_shared<std::string>();
     command_request request;
     request.command = std::move(parsed.command);
