@@ -7,12 +7,14 @@
 #include "authority.h"
 #include "frame_source.h"
 #include "gre.h"
+#include "overlay_size.h"
 #include "overlays.h"
 #include "port_vlans.h"
 #include "ports.h"
 #include "tag.h"
 
 #include "drops.h"
+#include "syslog_client.h"
 
 #include <arpa/inet.h>
 #include <array>
@@ -38,14 +40,32 @@ registration &the_registration()
 
 } // namespace
 
+namespace {
+
+void report_small_cores(const interface_table &table)
+{
+    constexpr int WARNING = 4;
+    static overlay_size_notices &notices = *new overlay_size_notices;
+    for (const std::string &line : notices.look(overlays_all(), table))
+        krel_syslog(WARNING, "%s", line.c_str());
+}
+
+} // namespace
+
 void packet_ports_tick()
 {
+    static std::uint32_t seen_overlays = 0;
     static std::uint32_t seen_generation = 0;
     static bool seen_gre = false;
     const interface_table *table = interfaces();
     const std::uint32_t generation = table == nullptr ? 0 : table->generation.load(std::memory_order_acquire);
     if (table != nullptr && generation != seen_generation)
         overlays_prune(*table);
+    const std::uint32_t overlays = overlays_version();
+    if (table != nullptr && (generation != seen_generation || overlays != seen_overlays)) {
+        seen_overlays = overlays;
+        report_small_cores(*table);
+    }
     const bool gre = overlays_use_gre();
     if (generation == seen_generation && gre == seen_gre)
         return;

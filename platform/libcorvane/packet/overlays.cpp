@@ -20,9 +20,11 @@ struct table {
     std::vector<overlay_config> overlays;
     std::array<std::uint32_t, VLANS> owner{};
     std::atomic<bool> gre{false};
+    std::atomic<std::uint32_t> version{1};
 
-    void note_gre()
+    void changed()
     {
+        ++version;
         gre = std::ranges::any_of(overlays, [](const overlay_config &o) { return o.gre; });
     }
     auto find(std::uint32_t iod) { return std::ranges::find(overlays, iod, &overlay_config::iod); }
@@ -58,6 +60,18 @@ bool overlays_use_gre()
     return the_table().gre.load(std::memory_order_relaxed);
 }
 
+std::vector<overlay_config> overlays_all()
+{
+    table &t = the_table();
+    const std::scoped_lock guard(t.mutex);
+    return t.overlays;
+}
+
+std::uint32_t overlays_version()
+{
+    return the_table().version.load(std::memory_order_relaxed);
+}
+
 std::uint32_t overlay_of_packet(std::uint8_t family, const std::uint8_t *destination, std::uint16_t vlan)
 {
     table &t = the_table();
@@ -78,7 +92,7 @@ void overlay_set(const overlay_config &config)
         *found = config;
     else
         t.overlays.push_back(config);
-    t.note_gre();
+    t.changed();
 }
 
 void overlays_prune(const interface_table &interfaces)
@@ -87,7 +101,7 @@ void overlays_prune(const interface_table &interfaces)
     const std::scoped_lock guard(t.mutex);
     constexpr std::uint32_t THERE = INTERFACE_PRESENT | INTERFACE_OVERLAY;
     std::erase_if(t.overlays, [&](const overlay_config &o) { return (interface_flags(interfaces, o.iod) & THERE) != THERE; });
-    t.note_gre();
+    t.changed();
 }
 
 void overlay_vlan_set(std::uint16_t vlan, std::uint32_t iod)

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <vector>
 
 namespace corvane {
 
@@ -14,6 +15,7 @@ struct overlay_config {
     std::uint8_t family = 4;                                   // of the core: 4 or 5
     std::array<std::uint8_t, 4> ipv4{}, ipv4_group{};          // network order, zero = none
     std::array<std::uint8_t, 16> ipv6{}, ipv6_group{};
+    bool up = false;
 };
 
 // Begins to follow, once; the queue is bound when this returns. Without the bus it tries again when asked next.
@@ -22,6 +24,8 @@ void overlays_follow();
 // Any thread. False: not an overlay with parameters.
 [[nodiscard]] bool overlay_get(std::uint32_t iod, overlay_config &out);
 [[nodiscard]] bool overlays_use_gre();
+[[nodiscard]] std::vector<overlay_config> overlays_all();
+[[nodiscard]] std::uint32_t overlays_version();                // counts changes
 // The GRE overlay that a core packet to `destination` is for: among those with that address or group, the one that
 // carries `vlan`, else any. 0: none. `family` is 4 or 5.
 [[nodiscard]] std::uint32_t overlay_of_packet(std::uint8_t family, const std::uint8_t *destination, std::uint16_t vlan);

@@ -25,14 +25,15 @@ namespace {
 // The daemon's publications: opcodes, and offsets of what is read here. Host byte order, unaligned.
 constexpr std::uint32_t OPCODE_PARAMETERS = 78854, OPCODE_VLANS = 78857, OPTION_SUBSCRIBE = 16;
 constexpr std::size_t PARAMETERS_SIZE = 280, PARAMETERS_CORE_IOD = 12, PARAMETERS_IPV4_GROUP = 152,
-                      PARAMETERS_IPV6_GROUP = 156, PARAMETERS_IPV4 = 256, PARAMETERS_IPV6 = 260;
+                      PARAMETERS_IPV6_GROUP = 156, PARAMETERS_STATE = 240, PARAMETERS_IPV4 = 256,
+                      PARAMETERS_IPV6 = 260;
 constexpr std::size_t VLANS_COUNT = 4, VLANS_HEAD = 8, VLANS_STRIDE = 12;
 constexpr const char *DATABASE = "lum_sdb_info";
 constexpr std::uint8_t RECORD_OVERLAY = 2, RECORD_VLAN = 3, RECORD_GENERAL = 4;
-constexpr std::size_t OVERLAY_SIZE = 312, OVERLAY_CORE_IOD = 12, OVERLAY_IPV4_GROUP = 153, OVERLAY_ENCAP_TYPE = 280,
-                      OVERLAY_ENCAP_FAMILY = 284, OVERLAY_IPV4 = 288, OVERLAY_IPV6 = 292;
+constexpr std::size_t OVERLAY_SIZE = 312, OVERLAY_CORE_IOD = 12, OVERLAY_IPV4_GROUP = 153, OVERLAY_STATE = 272,
+                      OVERLAY_ENCAP_TYPE = 280, OVERLAY_ENCAP_FAMILY = 284, OVERLAY_IPV4 = 288, OVERLAY_IPV6 = 292;
 constexpr std::size_t VLAN_SIZE = 16, VLAN_OWNER = 4, VLAN_AUTHORITATIVE = 8, GENERAL_SIZE = 4;
-constexpr std::uint32_t ENCAP_GRE = 1;
+constexpr std::uint32_t ENCAP_GRE = 1, STATE_UP = 2;
 
 using record_view = std::span<const std::uint8_t>;
 
@@ -70,6 +71,7 @@ void read_overlay(record_view value)
     o.ipv4 = ipv4(value, OVERLAY_IPV4);
     o.ipv4_group = ipv4(value, OVERLAY_IPV4_GROUP);
     o.ipv6 = ipv6(value, OVERLAY_IPV6);
+    o.up = word(value, OVERLAY_STATE) == STATE_UP;
     overlay_set(o);
 }
 
@@ -113,6 +115,7 @@ void take_parameters(record_view payload)
     o.ipv4_group = ipv4(payload, PARAMETERS_IPV4_GROUP);
     o.ipv6 = ipv6(payload, PARAMETERS_IPV6);
     o.ipv6_group = ipv6(payload, PARAMETERS_IPV6_GROUP);
+    o.up = word(payload, PARAMETERS_STATE) == STATE_UP;
     overlay_set(o);
 }
 
