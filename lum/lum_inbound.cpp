@@ -81,6 +81,7 @@ int lum_process_if_delete_msg(mbus_msg &msg)
     LUM_TRACE_EVENT("Received interface delete notification\n");
     std::uint32_t deletions = 0;
     for_each_interface(msg, [&](const intfmgr_change &change) LUM_LOCKED {
+        lum_resolve_static_routes(change.iod);               // of an overlay interface no change of state is told first
         deletions += trigger_delete(change.iod, msg);
     });
     return hold_if_waiting(msg, deletions);

@@ -123,6 +123,21 @@ TEST_F(LumRouteRemoval, OfARouteWithoutAnyNextHopMakesRoomForOthers)
     EXPECT_NE(platform.find_route(HOST_INFO), nullptr);
 }
 
+TEST_F(LumRouteRemoval, OfTheInterfaceTakesItsNextHopsOutOfTheTableUntilItIsBack)
+{
+    route({{"<mac-info>", HOST}, {"<if-name>", "Overlay1"}, {"<nh>", "198.51.100.1"}});
+    route({{"<mac-info>", HOST}, {"<if-name>", "Overlay2"}, {"<nh>", "198.51.100.2"}});
+    platform.interface(OVERLAY).up = false;
+    mbus_msg msg = platform.message(0xF404, platform.changes({{OVERLAY, 0}}));
+    EXPECT_EQ(lum_process_if_delete_msg(msg), LUM_DONE);
+    ASSERT_NE(platform.find_route(HOST_INFO), nullptr);
+    EXPECT_EQ(platform.find_route(HOST_INFO)->nexthop_count, 1u);
+    EXPECT_TRUE(lum_addr_equal(platform.find_route(HOST_INFO)->nexthop[0], remote(OVERLAY2, ipv4(198, 51, 100, 2))));
+
+    interface_changes(OVERLAY, true);
+    EXPECT_EQ(platform.find_route(HOST_INFO)->nexthop_count, 2u);
+}
+
 TEST_F(LumRouteRemoval, OfANextHopGivenTwiceTakesTheFirstAndLeavesTheSecond)
 {
     route({{"<mac-info>", HOST}, {"<nh>", "198.51.100.1"}});
