@@ -26,7 +26,7 @@ void net_l2_unregister(net_l2_handle handle);
 struct net_l2_header {                                       // the frame's first 14 bytes, and its VLAN
     std::array<std::uint8_t, 6> destination{};
     std::array<std::uint8_t, 6> source{};
-    std::uint16_t vlan_be = 0;
+    std::uint16_t vlan_be = 0;                               // 0: that of the frame being answered, if this is a reply
     std::uint16_t ethertype_be = 0;                          // bytes 12 and 13 as they stand
 };
 struct net_l2_send_request {

@@ -67,6 +67,20 @@ class Trunks(TwoSites):
         sent = self.frame(100, self.other.mac, inner)
         self.assertEqual(self.through(sent), [sent.hex()])
 
+    def test_the_edge_answers_a_host_on_a_trunk_in_its_vlan(self):
+        for vlan in (1, 300, 4094):
+            with self.subTest(vlan=vlan):
+                near, far = self.top.host(1, vlan), self.top.host(2, vlan)
+                self.assertEqual(near.ping(far.ipv4, count=1), 1)        # now the edge knows the far host
+                asker = f"10.{vlan % 250}.99.1"
+                body = frames.arp(1, self.one.mac, asker, "00:00:00:00:00:00", far.ipv4)
+                with Capture(self.one.ns, "eth0") as got, self.core() as core, Sender(self.one.ns) as sender:
+                    sender.send(frames.ethernet(frames.BROADCAST, self.one.mac, frames.ETH_ARP, body, vlan))
+                replies = [f for f in got.decoded(outgoing=False) if f.arp() and f.arp().operation == 2]
+                self.assertEqual([(f.src, f.dst, f.tag) for f in replies],
+                                 [(far.mac, self.one.mac, vlan.to_bytes(2, "big"))])
+                self.assertEqual([p for p in core.overlay(outgoing=False) if p.inner.arp()], [])
+
     def test_on_the_core_the_tag_stands_low_byte_first(self):
         with self.core() as core, Sender(self.one.ns) as sender:
             sender.send(self.frame(300, self.other.mac, priority=5))

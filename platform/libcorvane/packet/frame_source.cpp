@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -73,7 +74,31 @@ std::uint32_t served_ifindex(const interface_table &table, std::uint32_t iod)
     return (interface_flags(table, iod) & SERVED) == SERVED ? table.slot[iod].ifindex.load(std::memory_order_acquire) : 0;
 }
 
+struct frame_in_hand {
+    frame_ref frame;
+    std::uint32_t iod = 0;                   // 0: none
+};
+constinit thread_local frame_in_hand in_hand{};
+
+std::uint16_t get_be16(const std::uint8_t *p)
+{
+    return static_cast<std::uint16_t>(p[0] << 8 | p[1]);
+}
+
 } // namespace
+
+std::uint16_t vlan_of_frame_in_hand(std::uint32_t iod, const std::uint8_t *host)
+{
+    constexpr std::size_t MAC = 6, TYPE_AT = 12, SNAP_TYPE_AT = 20;
+    constexpr std::uint16_t VLAN_MASK = 0x0FFF;
+    const frame_ref &frame = in_hand.frame;
+    if (in_hand.iod != iod || iod == 0 || std::memcmp(frame.data + MAC, host, MAC) != 0)
+        return 0;
+    const std::size_t at = get_be16(frame.data + TYPE_AT) <= LAST_802_3_LENGTH ? SNAP_TYPE_AT : TYPE_AT;
+    if (frame.length < at + VLAN_TAG || get_be16(frame.data + at) != TYPE_VLAN)
+        return 0;
+    return static_cast<std::uint16_t>((frame.data[at + 3] << 8 | frame.data[at + 2]) & VLAN_MASK);
+}
 
 static_assert(NET_L2_MSG_FRAME + TAG_HEADROOM <= port_ring::HEADROOM);
 static_assert(NET_L2_MSG_FRAME <= gre_input::HEADROOM);
@@ -86,6 +111,7 @@ frame_source::frame_source()
 
 frame_source::~frame_source()
 {
+    in_hand = {};
     close(change_fd_);
 }
 
@@ -356,6 +382,7 @@ local_receive frame_source::receive(mbus_msg &out, int wake_fd)
     if (m.segment)
         cut_segment(m);
     put_message_header(m.frame, m.iod);
+    in_hand = {m.frame, m.iod};
     const std::uint64_t number = lot_number_ + next_++;
     out = {{0, static_cast<std::uint32_t>(number), static_cast<std::uint32_t>(number >> 32), 0, NET_L2_OPC_FRAME}};
     return local_receive::MESSAGE;
@@ -389,6 +416,7 @@ int frame_source::drop(const mbus_msg &msg)
     }
     if (message *m = find(msg))
         release(*m);
+    in_hand = {};
     return 0;
 }
 

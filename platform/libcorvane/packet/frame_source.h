@@ -19,6 +19,10 @@ namespace corvane {
 
 struct interface_table;
 
+// VLAN of the frame that this thread has received and not yet dropped, if that came from `host` on this interface with
+// a tag; 0 otherwise. A reply that the daemon builds itself names no VLAN, but belongs to the one that asked.
+[[nodiscard]] std::uint16_t vlan_of_frame_in_hand(std::uint32_t iod, const std::uint8_t *host);
+
 // Used by the one thread that receives from the queue; wake() and the opening before the first receive excepted.
 class frame_source final : public mbus_local_source {
 public:

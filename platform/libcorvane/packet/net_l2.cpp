@@ -114,9 +114,12 @@ mbuf *wire_frame(const daemon_frame &frame)
     return nullptr;
 }
 
-int send_on_port(const link_target &port, const daemon_frame &frame)
+// `vlan` is that of a frame which does not have its tag yet; 0: it leaves as it is.
+int send_on_port(const link_target &port, const daemon_frame &frame, std::uint16_t vlan)
 {
     mbuf *m = wire_frame(frame);
+    if (m != nullptr && vlan != 0)
+        m->length = static_cast<std::uint32_t>(tag_on_wire(packet_start(m), m->length, true, vlan));
     return m != nullptr && link_output(m, port) ? 1 : 0;
 }
 
@@ -137,7 +140,6 @@ int flood(std::uint16_t vlan, const daemon_frame &frame)
     return sent;
 }
 
-// Replies that the daemon builds itself name no VLAN: they are for a host of the port's own.
 bool held_back(std::uint32_t iod, std::uint16_t vlan)
 {
     if (!authority_holds_back(vlan != 0 ? vlan : port_vlan(iod)))
@@ -191,12 +193,15 @@ int net_l2_send(net_l2_handle handle, const net_l2_header &header, const net_l2_
     const daemon_frame frame{header.destination.data(), header.source.data(), ntohs(header.ethertype_be), payload, length};
     const std::uint32_t iod = ntohl(request.iod_be);
     const link_target port = switchport(iod);
-    if ((request.flood != 0 || port.ifindex != 0) && held_back(iod, ntohs(header.vlan_be)))
+    const std::uint16_t vlan = ntohs(header.vlan_be);
+    // A frame that names no VLAN is a reply of the daemon's own, to the frame in hand.
+    const std::uint16_t asked_in = vlan == 0 ? vlan_of_frame_in_hand(iod, frame.destination) : std::uint16_t{0};
+    if ((request.flood != 0 || port.ifindex != 0) && held_back(iod, vlan != 0 ? vlan : asked_in))
         return 0;
     if (request.flood != 0)
-        return flood(ntohs(header.vlan_be), frame);
+        return flood(vlan, frame);
     if (port.ifindex != 0)
-        return send_on_port(port, frame);
+        return send_on_port(port, frame, asked_in);
     overlay_config overlay;
     return overlay_get(iod, overlay) && overlay.gre ? gre_send(overlay, request, frame) : refuse();
 }
