@@ -17,9 +17,6 @@ std::uint32_t lum_pending_msg_count;
 
 namespace {
 
-// Payload of an adjacency message: offsets in bytes, integers in host byte order.
-constexpr std::size_t ADJ_IOD = 0, ADJ_SYSTEM_ID = 4, ADJ_ADDRESS = 11, ADJ_SITE = 39, ADJ_EXTRA = 43, ADJ_SIZE = 47;
-
 struct adjacency {
     std::uint32_t iod = 0, site = 0, extra = 0;
     lum_system_id system_id{};
@@ -30,16 +27,16 @@ bool read_adjacency(const mbus_msg &msg, adjacency &adj)
 {
     std::size_t length = 0;
     const std::uint8_t *payload = mbus_payload_get(msg, &length);
-    if (payload == nullptr || length < ADJ_SIZE) {
+    if (payload == nullptr || length < LUM_ADJ_REQUEST_SIZE) {
         drop_count(drop_reason::BUS_MALFORMED);
         LUM_TRACE_INTERNAL("Adjacency message of %d bytes is too short\n", static_cast<int>(length));
         return false;
     }
-    adj.iod = wire_host32(payload + ADJ_IOD);
-    std::copy_n(payload + ADJ_SYSTEM_ID, adj.system_id.size(), adj.system_id.begin());
-    std::memcpy(&adj.address, payload + ADJ_ADDRESS, sizeof adj.address);
-    adj.site = wire_host32(payload + ADJ_SITE);
-    adj.extra = wire_host32(payload + ADJ_EXTRA);
+    adj.iod = wire_host32(payload + LUM_ADJ_REQUEST_IOD.at);
+    std::copy_n(payload + LUM_ADJ_REQUEST_SYSTEM_ID.at, adj.system_id.size(), adj.system_id.begin());
+    std::memcpy(&adj.address, payload + LUM_ADJ_REQUEST_ADDRESS.at, sizeof adj.address);
+    adj.site = wire_host32(payload + LUM_ADJ_REQUEST_SITE.at);
+    adj.extra = wire_host32(payload + LUM_ADJ_REQUEST_LOCAL.at);
     return true;
 }
 
