@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr std::uint32_t STATUS_CHANGED = 78853;              // 0x13405
-
 // Calls `handle` for each interface of the message, with a yield in front of each but the first.
 template <class Handle> void for_each_interface(const mbus_msg &msg, Handle handle) LUM_LOCKED;
 template <class Handle> void for_each_interface(const mbus_msg &msg, Handle handle)
@@ -121,7 +119,7 @@ void process_l3_state(std::uint32_t iod)
     }
     if (lum_check_overlay_state_change(*overlay) != 0) {
         lum_sdb_update_overlay(*overlay);
-        lum_send_overlay_state_msg(*overlay, STATUS_CHANGED);
+        lum_send_overlay_state_msg(*overlay, LUM_OPC_OVERLAY_STATE);
     }
     lum_resolve_static_routes(iod);
 }
@@ -141,11 +139,11 @@ int lum_process_overlay_delete_notify_msg(mbus_msg &msg)
     const std::uint8_t *payload = mbus_payload_get(msg, &length);
     if (payload == nullptr)
         return LUM_NOT_HANDLED;
-    if (length < sizeof(std::uint32_t)) {
+    if (length < LUM_ACK_SIZE) {
         drop_count(drop_reason::BUS_MALFORMED);
         return LUM_DONE;
     }
-    lum_overlay *overlay = lum_get_overlay(wire_host32(payload));
+    lum_overlay *overlay = lum_get_overlay(wire_host32(payload + LUM_ACK_IOD.at));
     if (overlay == nullptr || overlay->state != LUM_OVERLAY_DOWN || overlay->reason != LUM_REASON_DELETE_HOLDDOWN)
         return LUM_DONE;
     if (overlay->notify_pending != 0) {
@@ -214,10 +212,9 @@ int lum_process_ipv6_msg(mbus_msg &msg)
 
 namespace {
 
-// Payload of a send-packet request: offsets in bytes, host byte order.
-constexpr std::size_t SEND_VLAN = 0, SEND_SKIP_IOD = 4, SEND_DESTINATION = 8, SEND_SOURCE = 14, SEND_OPTIONS = 20,
-                      SEND_LENGTH = 22, SEND_FRAME = 26;
-constexpr std::size_t ETHERNET_HEADER = 14, FRAME_MAX = 65535;
+constexpr std::size_t ETHERNET_HEADER = 14, TYPE_AT = 12, TAG_SIZE = 4, FRAME_MAX = 65535;
+constexpr std::uint16_t TYPE_8021Q = 0x8100;
+static_assert(LUM_SEND_PACKET_OPTION2.at == LUM_SEND_PACKET_OPTION1.at + 1);
 
 struct send_request {
     std::uint32_t skip_iod = 0;
@@ -228,26 +225,51 @@ struct send_request {
 
 bool read_send_request(std::span<const std::uint8_t> payload, send_request &request)
 {
-    if (payload.size() < SEND_FRAME)
+    if (payload.size() < LUM_SEND_PACKET_HEAD_SIZE)
         return false;
-    const std::uint32_t length = wire_host32(&payload[SEND_LENGTH]);
-    if (length < ETHERNET_HEADER || length > FRAME_MAX || length > payload.size() - SEND_FRAME)
+    const std::uint32_t length = wire_host32(&payload[LUM_SEND_PACKET_LENGTH.at]);
+    if (length < ETHERNET_HEADER || length > FRAME_MAX || length > payload.size() - LUM_SEND_PACKET_HEAD_SIZE)
         return false;
-    request.source.vlan = request.destination.vlan = wire_host32(&payload[SEND_VLAN]);
-    request.skip_iod = wire_host32(&payload[SEND_SKIP_IOD]);
-    std::copy_n(&payload[SEND_DESTINATION], 6, request.destination.mac.begin());
-    std::copy_n(&payload[SEND_SOURCE], 6, request.source.mac.begin());
-    std::copy_n(&payload[SEND_OPTIONS], request.options.size(), request.options.begin());
-    request.frame = payload.subspan(SEND_FRAME, length);
+    request.source.vlan = request.destination.vlan = wire_host32(&payload[LUM_SEND_PACKET_VLAN.at]);
+    request.skip_iod = wire_host32(&payload[LUM_SEND_PACKET_SKIP_IOD.at]);
+    std::copy_n(&payload[LUM_SEND_PACKET_DESTINATION.at], 6, request.destination.mac.begin());
+    std::copy_n(&payload[LUM_SEND_PACKET_SOURCE.at], 6, request.source.mac.begin());
+    std::copy_n(&payload[LUM_SEND_PACKET_OPTION1.at], request.options.size(), request.options.begin());
+    request.frame = payload.subspan(LUM_SEND_PACKET_HEAD_SIZE, length);
     return true;
 }
 
+// A frame behind its addresses.
+struct frame_rest {
+    std::uint16_t type;
+    std::span<const std::uint8_t> body;
+};
+
+// On a trunk a frame without tag would be one of another VLAN: there it gets the tag of its own, low byte first as in
+// every frame of the daemon. Valid until the next call.
+frame_rest rest_for_port(const send_request &request, std::uint32_t port) LUM_LOCKED;
+frame_rest rest_for_port(const send_request &request, std::uint32_t port)
+{
+    static std::array<std::uint8_t, FRAME_MAX - ETHERNET_HEADER + TAG_SIZE> tagged;
+    const std::uint16_t type = wire_be16(&request.frame[TYPE_AT]);
+    const auto behind_addresses = request.frame.subspan(TYPE_AT), body = request.frame.subspan(ETHERNET_HEADER);
+    const lum_port *record = lum_get_from_pt(port);
+    if (type == TYPE_8021Q || record == nullptr || record->trunk == 0)
+        return {type, body};
+    tagged[0] = static_cast<std::uint8_t>(request.destination.vlan);
+    tagged[1] = static_cast<std::uint8_t>(request.destination.vlan >> 8);
+    std::ranges::copy(behind_addresses, &tagged[2]);
+    return {TYPE_8021Q, std::span{tagged}.first(body.size() + TAG_SIZE)};
+}
+
+void send_on_port(const send_request &request, std::uint32_t port) LUM_LOCKED;
 void send_on_port(const send_request &request, std::uint32_t port)
 {
+    const frame_rest rest = rest_for_port(request, port);
     net_l2_header header{.destination = request.destination.mac, .source = request.source.mac};
     wire_set_be16(reinterpret_cast<std::uint8_t *>(&header.vlan_be),
                   static_cast<std::uint16_t>(request.destination.vlan));
-    std::memcpy(&header.ethertype_be, &request.frame[ETHERNET_HEADER - 2], sizeof header.ethertype_be);
+    wire_set_be16(reinterpret_cast<std::uint8_t *>(&header.ethertype_be), rest.type);
     net_l2_send_request l2_request{};
     wire_set_be32(reinterpret_cast<std::uint8_t *>(&l2_request.iod_be), port);
     std::copy(request.options.begin(), request.options.end(), l2_request.option);
@@ -257,10 +279,9 @@ void send_on_port(const send_request &request, std::uint32_t port)
         lum_text from, to, name;
         LUM_TRACE_PACKET("Output %s -> %s to %s, %d bytes\n", lum_print_mac_info(request.source, from),
                          lum_print_mac_info(request.destination, to), lum_if_name(port, name),
-                         static_cast<int>(request.frame.size()));
+                         static_cast<int>(ETHERNET_HEADER + rest.body.size()));
     }
-    const auto body = request.frame.subspan(ETHERNET_HEADER);
-    net_l2_send(lum_net_l2_handle, header, l2_request, body.data(), static_cast<std::uint16_t>(body.size()));
+    net_l2_send(lum_net_l2_handle, header, l2_request, rest.body.data(), static_cast<std::uint16_t>(rest.body.size()));
 }
 
 // A yield may retire the VLAN, so its sets are looked at anew after each.

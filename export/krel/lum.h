@@ -89,8 +89,11 @@ inline constexpr lum_wire_field LUM_ADJ_REQUEST_LOCAL{43, 4};   // of a site adj
 static_assert(LUM_ADJ_REQUEST_LOCAL.at + LUM_ADJ_REQUEST_LOCAL.width == LUM_ADJ_REQUEST_SIZE);
 
 // ---- send-packet request: LUM_OPC_SEND_PACKET floods a frame to the site ports of a VLAN
+//
+// The frame stands from its Ethernet header on, without a VLAN tag: where the port is a trunk it gets the VLAN's. It
+// leaves with the addresses of the request's head, whatever stands in its own first 12 bytes.
 
-inline constexpr std::size_t LUM_SEND_PACKET_HEAD_SIZE = 26;    // the frame follows
+inline constexpr std::size_t LUM_SEND_PACKET_HEAD_SIZE = 26;    // the frame follows, 14 to 65,535 bytes
 inline constexpr lum_wire_field LUM_SEND_PACKET_VLAN{0, 4};
 inline constexpr lum_wire_field LUM_SEND_PACKET_SKIP_IOD{4, 4}; // port to leave out, 0 = none
 inline constexpr lum_wire_field LUM_SEND_PACKET_DESTINATION{8, 6};

@@ -1,44 +1,11 @@
-#include "lum_test.h"
+// What the interface manager and the IP stacks tell the daemon.
+#include "inbound_test.h"
 
-#include <set>
+#include "lum_ui.h"
 
 using namespace lum_test;
 
 namespace {
-
-constexpr std::uint64_t ENCAP_BIT = std::uint64_t{1} << 42, L3_BIT = std::uint64_t{1} << 35;
-constexpr std::uint32_t DELETED = 78852, STATUS = 78853;
-
-class LumInbound : public LumTest {
-protected:
-    LumInbound() { lum_event_debug_flag = 1; }
-    static int dispatch(std::uint32_t opcode, const fake::bytes &payload)
-    {
-        plock_assert_held();
-        last_ = platform.message(opcode, payload);
-        mbus_msg msg = last_;
-        return lum_dispatch(msg);
-    }
-    static int remove(std::initializer_list<intfmgr_change> list) { return dispatch(0xF404, platform.changes(list)); }
-    static int acknowledge(std::uint32_t iod) { return dispatch(0x13404, fake::bytes().add_host32(iod)); }
-    static lum_overlay *find(std::uint32_t iod)
-    {
-        plock_assert_held();
-        return lum_get_overlay(iod);
-    }
-    // An overlay that owns no VLAN, so that its deletion completes with the acknowledgement.
-    lum_overlay &plain_overlay(std::uint32_t iod)
-    {
-        plock_assert_held();
-        lum_overlay &made = overlay(iod, 4000 + iod - OVERLAY);
-        bitfield_clear(*made.vlans, 4000 + iod - OVERLAY);
-        lum_vlans[4000 + iod - OVERLAY].overlay = nullptr;
-        made.vlan_refcount = 0;
-        platform.forget();
-        return made;
-    }
-    static inline mbus_msg last_;
-};
 
 using LumInterfaceCreated = LumInbound;
 
@@ -136,6 +103,43 @@ TEST_F(LumInterfaceRemoved, SupersedesAHeldMessageWhichIsReleased)
     EXPECT_FALSE(platform.is_outstanding(second));
 }
 
+TEST_F(LumInterfaceRemoved, SupersedesAnEarlierRemovalOfTheSameInterface)
+{
+    plain_overlay(OVERLAY);
+    EXPECT_EQ(remove({{OVERLAY, 0}}), 1);
+    const mbus_msg first = last_;
+    EXPECT_EQ(remove({{OVERLAY, 0}}), 1);
+    const mbus_msg second = last_;
+    EXPECT_FALSE(platform.is_outstanding(first));
+    EXPECT_EQ(find(OVERLAY)->delete_msg, second);
+    EXPECT_EQ(lum_pending_msg_count, 1u);
+    acknowledge(OVERLAY);
+    EXPECT_FALSE(platform.is_outstanding(second));
+    EXPECT_EQ(platform.double_drops, 0u);
+}
+
+TEST_F(LumInterfaceRemoved, IsHeldAlsoWhenNobodyCouldBeTold)
+{
+    plain_overlay(OVERLAY);
+    platform.fail("mbus_send", 1, EAGAIN);                   // a bus that is full
+    EXPECT_EQ(remove({{OVERLAY, 0}}), 1);
+    EXPECT_EQ(find(OVERLAY)->notify_pending, 1u);
+    EXPECT_THAT(platform.syslog_texts(),
+                ElementsAre("<<%LUM-3-MBUS_SEND>> Error returned from mbus_send(), errno: "
+                            "Resource temporarily unavailable"));
+    const mbus_msg held = last_;
+    acknowledge(OVERLAY);
+    EXPECT_FALSE(platform.is_outstanding(held));
+}
+
+TEST_F(LumInterfaceRemoved, YieldsBehindEachInterface)
+{
+    remove({{OVERLAY, 0}, {CORE, 0}, {PORT_A, 0}});
+    EXPECT_EQ(platform.may_yields, 3u);
+    dispatch(0xF414, platform.changes({{OVERLAY, 0}, {CORE, 0}}));
+    EXPECT_EQ(platform.may_yields, 5u);
+}
+
 TEST_F(LumInterfaceRemoved, SurvivesAMessageOfEveryLength)
 {
     plain_overlay(OVERLAY);
@@ -144,57 +148,6 @@ TEST_F(LumInterfaceRemoved, SurvivesAMessageOfEveryLength)
         EXPECT_EQ(dispatch(0xF404, whole.range(0, length)), 0);
     EXPECT_EQ(find(OVERLAY)->reason, LUM_REASON_NONE);
     EXPECT_EQ(dropped(drop_reason::BUS_MALFORMED), whole.size());
-}
-
-using LumDeletionAcknowledgement = LumInbound;
-
-TEST_F(LumDeletionAcknowledgement, ClearsThePendingFlagAndTracesIt)
-{
-    plain_overlay(OVERLAY);
-    remove({{OVERLAY, 0}});
-    lum_internal_debug_flag = 1;
-    EXPECT_EQ(acknowledge(OVERLAY), 0);
-    EXPECT_TRUE(platform.traced("Overlay Overlay1 (DOWN:Delete Holddown) Clear pending state for overlay 0x64"));
-    EXPECT_THAT(platform.syslog, IsEmpty());
-}
-
-TEST_F(LumDeletionAcknowledgement, IsIgnoredForAnOverlayThatIsNotHeldDown)
-{
-    plain_overlay(OVERLAY);
-    EXPECT_EQ(acknowledge(OVERLAY), 0);
-    EXPECT_EQ(acknowledge(OVERLAY2), 0);
-    ASSERT_NE(find(OVERLAY), nullptr);
-    EXPECT_EQ(find(OVERLAY)->state, LUM_OVERLAY_UP);
-    EXPECT_THAT(platform.sdb_writes, IsEmpty());
-}
-
-TEST_F(LumDeletionAcknowledgement, ReportsAMismatchWhenNoneWasAwaitedAndCompletesAllTheSame)
-{
-    lum_overlay &to = plain_overlay(OVERLAY);
-    remove({{OVERLAY, 0}});
-    to.notify_pending = 0;
-    platform.forget();
-    EXPECT_EQ(acknowledge(OVERLAY), 0);
-    EXPECT_THAT(platform.syslog_texts(),
-                ElementsAre("<<%LUM-4-STATE_MISMATCH>> state mismatch - notify_pending - in "
-                            "lum_process_overlay_delete_notify_msg()"));
-    EXPECT_EQ(find(OVERLAY), nullptr);
-}
-
-TEST_F(LumDeletionAcknowledgement, CompletesNothingTwice)
-{
-    plain_overlay(OVERLAY);
-    remove({{OVERLAY, 0}});
-    acknowledge(OVERLAY);
-    EXPECT_EQ(acknowledge(OVERLAY), 0);
-    EXPECT_EQ(platform.double_drops, 0u);
-}
-
-TEST_F(LumDeletionAcknowledgement, NeedsAPayloadOfOneWord)
-{
-    EXPECT_EQ(dispatch(0x13404, {}), -1);
-    EXPECT_EQ(dispatch(0x13404, fake::bytes(3)), 0);
-    EXPECT_EQ(dropped(drop_reason::BUS_MALFORMED), 1u);
 }
 
 using LumL3ParamChange = LumInbound;
@@ -228,6 +181,30 @@ TEST_F(LumL3ParamChange, DeletesTheOverlayOfATunnelThatIsAnOverlayNoMore)
     EXPECT_EQ(find(OVERLAY), nullptr);
 }
 
+TEST_F(LumL3ParamChange, MakesTheOverlayOfATunnelThatBecameOne)
+{
+    platform.add_interface(OVERLAY, "Overlay1", {.overlay = true});
+    EXPECT_EQ(dispatch(0xF414, platform.changes({{OVERLAY, ENCAP_BIT}})), 0);
+    ASSERT_NE(find(OVERLAY), nullptr);
+    EXPECT_EQ(platform.called("cli_send_my_if_commands"), 1u);
+}
+
+TEST_F(LumL3ParamChange, IsHeldForEveryOverlayThatIsNoneAnyMore)
+{
+    for (const std::uint32_t iod : {OVERLAY, OVERLAY2}) {
+        plain_overlay(iod);
+        platform.interface(iod).overlay = false;
+        platform.interface(iod).tunnel = true;
+    }
+    EXPECT_EQ(dispatch(0xF414, platform.changes({{OVERLAY, ENCAP_BIT}, {CORE, 1}, {OVERLAY2, ENCAP_BIT}})), 1);
+    const mbus_msg held = last_;
+    EXPECT_EQ(lum_pending_msg_count, 2u);
+    acknowledge(OVERLAY2);
+    EXPECT_TRUE(platform.is_outstanding(held));
+    acknowledge(OVERLAY);
+    EXPECT_FALSE(platform.is_outstanding(held));
+}
+
 TEST_F(LumL3ParamChange, LooksOnlyAtTunnelsWhoseEncapsulationChanged)
 {
     plain_overlay(OVERLAY);
@@ -249,6 +226,7 @@ TEST_F(LumL3StateChange, PublishesAndAnnouncesAnOverlayThatWentDown)
     EXPECT_EQ(find(OVERLAY)->reason, LUM_REASON_ADMIN_DOWN);
     EXPECT_THAT(platform.sdb_writes, SizeIs(1));
     EXPECT_THAT(platform.sent_with(STATUS), SizeIs(1));
+    EXPECT_THAT(platform.sent_with(PARAMETERS), IsEmpty());
     EXPECT_TRUE(platform.traced("Received interface L3 protocol state change notification\n"));
     EXPECT_TRUE(platform.traced("Received notification for Overlay1, change mask 0x800000000\n"));
 }
@@ -259,6 +237,35 @@ TEST_F(LumL3StateChange, AnnouncesNothingWhenTheStateStays)
     EXPECT_EQ(dispatch(0xF408, platform.changes({{OVERLAY, L3_BIT}})), 0);
     EXPECT_THAT(platform.sdb_writes, IsEmpty());
     EXPECT_THAT(platform.sent_with(STATUS), IsEmpty());
+}
+
+TEST_F(LumL3StateChange, ReadsTheAddressesOfAnExternalInterfaceAnew)
+{
+    lum_overlay &over = plain_overlay(OVERLAY);
+    platform.interface(CORE).ipv4 = OUR_ADDRESS + 7;
+    EXPECT_EQ(dispatch(0xF408, platform.changes({{CORE, L3_BIT}})), 0);
+    EXPECT_EQ(over.ext_ipv4, OUR_ADDRESS + 7);
+    EXPECT_THAT(platform.sent_with(PARAMETERS), SizeIs(1));
+    EXPECT_THAT(platform.sent_with(STATUS), IsEmpty());
+}
+
+TEST_F(LumL3StateChange, ResolvesStaticRoutesBeforeAndOverAnOverlayAlsoBehindItsState)
+{
+    plain_overlay(OVERLAY);
+    for (const std::uint32_t iod : {OVERLAY, CORE}) {
+        const lum_addr next_hop = iod == OVERLAY ? lum_addr_next_hop(OVERLAY, REMOTE_EDGE) : lum_addr_iod(CORE);
+        lum_add_static_route(key(HOST_A), next_hop, iod == OVERLAY ? "Overlay1" : "eth0");
+        platform.forget();
+        EXPECT_EQ(dispatch(0xF408, platform.changes({{iod, L3_BIT}})), 0);
+        EXPECT_THAT(platform.route_updates, SizeIs(iod == OVERLAY ? 2 : 1));
+        lum_delete_static_route(key(HOST_A), next_hop);
+    }
+}
+
+TEST_F(LumL3StateChange, ShowsBitThirtyFiveAloneWhateverTheMessageSays)
+{
+    dispatch(0xF408, platform.changes({{CORE, L3_BIT | ENCAP_BIT | 1}}));
+    EXPECT_TRUE(platform.traced("Received notification for eth0, change mask 0x800000000\n"));
 }
 
 TEST_F(LumL3StateChange, TracesAnInterfaceWithoutOverlay)
@@ -310,6 +317,7 @@ TEST_F(LumAddressChange, GivesIpv6ChangesToTheirOwnHandlerByTheirClass)
     EXPECT_EQ(dispatch(0x14C01, ipv6_change(other)), 0);
     EXPECT_EQ(to.ext_ipv6, other);
     EXPECT_EQ(to.ext_ipv4, OUR_ADDRESS);
+    EXPECT_FALSE(platform.traced("Received IP msg (6/7)\n"));       // the line is of the other family
 }
 
 TEST_F(LumAddressChange, ReportsAnUnknownIpv4ChangeType)
@@ -333,98 +341,6 @@ TEST_F(LumAddressChange, NeedsAPayloadAndIgnoresOneThatIsTooShort)
     EXPECT_EQ(to.ext_ipv4, OUR_ADDRESS);
     EXPECT_EQ(to.ext_ipv6, OUR_ADDRESS6);
     EXPECT_EQ(dropped(drop_reason::BUS_MALFORMED), four.size() + six.size() - 2);
-}
-
-class LumSendPacketRequest : public LumInbound {
-protected:
-    LumSendPacketRequest()
-    {
-        for (const std::uint32_t iod : {PORT_A, PORT_B, PORT_C})
-            site_port(iod);
-        platform.run_timers();
-        platform.forget();
-        lum_internal_debug_flag = 1;
-    }
-    static fake::bytes request(std::uint32_t vlan, std::uint32_t skip, const fake::bytes &frame,
-                               std::uint8_t option1 = 0, std::uint8_t option2 = 0)
-    {
-        fake::bytes payload;
-        payload.add_host32(vlan).add_host32(skip).add(HOST_B).add(HOST_A).add8(option1).add8(option2);
-        return payload.add_host32(static_cast<std::uint32_t>(frame.size())).add(frame);
-    }
-    const fake::bytes frame_ = fake::ethernet(HOST_B, HOST_A, 0x88CC, fake::filler(50));
-};
-
-TEST_F(LumSendPacketRequest, SendsTheFrameOnEveryOtherUnblockedPortOfTheVlan)
-{
-    lum_vlan_block_port(lum_vlans[VLAN], PORT_C);
-    EXPECT_EQ(dispatch(0x1340C, request(VLAN, PORT_A, frame_)), 0);
-    ASSERT_THAT(ports_sent_to(), ElementsAre(PORT_B));
-    const fake::l2_frame &sent = platform.l2_sent.front();
-    EXPECT_EQ(static_cast<const fake::bytes &>(sent), frame_);
-    EXPECT_EQ(sent.header.vlan_be, __builtin_bswap16(VLAN));
-    EXPECT_EQ(sent.request.flood, 0);
-    EXPECT_THAT(platform.trace_texts(), ElementsAre("Flood local packet to vlan 10, max 3 ports\n",
-                                                    "Send packet on interface eth2\n"));
-}
-
-TEST_F(LumSendPacketRequest, LeavesOutNoPortForAnIodOfZero)
-{
-    dispatch(0x1340C, request(VLAN, 0, frame_));
-    EXPECT_THAT(ports_sent_to(), ElementsAre(PORT_A, PORT_B, PORT_C));
-    EXPECT_EQ(platform.may_yields, 3u);
-}
-
-TEST_F(LumSendPacketRequest, PassesItsOptionBytesOn)
-{
-    dispatch(0x1340C, request(VLAN, 0, frame_, 3, 200));
-    EXPECT_EQ(platform.l2_sent.front().request.option[0], 3);
-    EXPECT_EQ(platform.l2_sent.front().request.option[1], 200);
-}
-
-TEST_F(LumSendPacketRequest, TracesTheOutputUnderThePacketFilters)
-{
-    lum_internal_debug_flag = 0;
-    lum_packet_debug_flag = 1;
-    dispatch(0x1340C, request(VLAN, 0, frame_));
-    EXPECT_THAT(platform.traces, IsEmpty());
-    lum_packet_debug_unicast = 1;
-    dispatch(0x1340C, request(VLAN, PORT_B, frame_));
-    EXPECT_THAT(platform.trace_texts(),
-                ElementsAre("Output 10/02:00:00:00:00:0a -> 10/02:00:00:00:00:0b to eth1, 64 bytes\n",
-                            "Output 10/02:00:00:00:00:0a -> 10/02:00:00:00:00:0b to eth3, 64 bytes\n"));
-}
-
-TEST_F(LumSendPacketRequest, SendsNothingOnAVlanThatIsNotInUse)
-{
-    EXPECT_EQ(dispatch(0x1340C, request(77, 0, frame_)), 0);
-    EXPECT_EQ(dispatch(0x1340C, request(4096, 0, frame_)), 0);
-    EXPECT_THAT(platform.l2_sent, IsEmpty());
-    EXPECT_TRUE(platform.traced("Flood local packet to vlan 77, max 0 ports\n"));
-}
-
-TEST_F(LumSendPacketRequest, RefusesAPayloadThatItsLengthFieldDoesNotFit)
-{
-    EXPECT_EQ(dispatch(0x1340C, {}), -1);
-    const fake::bytes whole = request(VLAN, 0, frame_);
-    for (std::size_t length = 1; length < whole.size(); ++length)
-        EXPECT_EQ(dispatch(0x1340C, whole.range(0, length)), 0);
-    for (std::size_t length = 0; length < 14; ++length)
-        EXPECT_EQ(dispatch(0x1340C, request(VLAN, 0, frame_.range(0, length))), 0);
-    EXPECT_THAT(platform.l2_sent, IsEmpty());
-    EXPECT_EQ(dropped(drop_reason::BUS_MALFORMED), whole.size() - 1 + 14);
-}
-
-TEST_F(LumSendPacketRequest, SurvivesAVlanThatIsRetiredWhileItYields)
-{
-    platform.on_yield = [] {
-        plock_assert_held();
-        if (lum_vlans[VLAN].in_use != 0)
-            lum_vlan_vlandb_retire(lum_vlans[VLAN]);
-    };
-    EXPECT_EQ(dispatch(0x1340C, request(VLAN, 0, frame_)), 0);
-    EXPECT_THAT(ports_sent_to(), ElementsAre(PORT_A));
-    platform.on_yield = nullptr;
 }
 
 } // namespace
