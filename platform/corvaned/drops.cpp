@@ -36,6 +36,7 @@ void drops_start()
     if (auto *page = static_cast<drop_counter_page *>(make_shared(corvane::DROPS_SHM, sizeof(drop_counter_page)));
         page != nullptr)
         drop_counters = page;
+    (void)make_shared(corvane::LOCKS_SHM, sizeof(corvane::lock_page));
     serve_command("show_drops", show_drops);
 }
 

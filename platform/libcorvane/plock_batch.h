@@ -21,6 +21,11 @@ void plock_batch_end();
 // stay for the life of the process; at most 8. Cheap when there is nothing to send: a look at a thread-local count.
 void plock_on_release(void (*hook)());
 
+// Where holds that somebody waited for are noted from now on; a page of the process itself before. Holds that nobody
+// waits for cost nothing.
+struct lock_page;
+void plock_report_to(lock_page *page);
+
 // The thread has held the lock longer than its time slice.
 [[nodiscard]] bool plock_slice_used();
 

@@ -26,4 +26,13 @@ inline constexpr std::uint32_t PLATFORM_PAGE_MADE = 0x43565031, PLATFORM_LOG_LEV
 
 inline constexpr const char *DROPS_SHM = "drops";
 
+// How clients hold their process locks, written by them: what a thread waited for at most.
+struct lock_page {
+    std::atomic<std::uint64_t> longest_hold_ns;       // of a hold at whose end somebody waited; a reader may clear it
+    std::atomic<std::uint64_t> waited_for;            // such holds
+    std::uint64_t reserved[6];
+};
+static_assert(sizeof(lock_page) == 64);
+inline constexpr const char *LOCKS_SHM = "locks";
+
 } // namespace corvane

@@ -5,6 +5,8 @@
 #include "../plock_batch.h"
 #include "connection.h"
 
+#include "../../wire/platform.h"
+
 #include <array>
 #include <atomic>
 #include <cassert>
@@ -81,6 +83,20 @@ std::uint64_t now_ns()
     return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
+corvane::lock_page own_page;
+std::atomic<corvane::lock_page *> reported_to{&own_page};
+
+// Called at the end of a hold, while the next thread still waits.
+void note_hold()
+{
+    auto &page = *reported_to.load(std::memory_order_acquire);
+    const std::uint64_t held = now_ns() - slice_start_ns;
+    page.waited_for.fetch_add(1, std::memory_order_relaxed);
+    std::uint64_t longest = page.longest_hold_ns.load(std::memory_order_relaxed);
+    while (held > longest && !page.longest_hold_ns.compare_exchange_weak(longest, held, std::memory_order_relaxed)) {
+    }
+}
+
 void enqueue(waiter &w)
 {
     w.granted.store(0, std::memory_order_relaxed);
@@ -132,6 +148,7 @@ void lock_contended()
 
 void unlock_contended()
 {
+    note_hold();
     waiter *next = nullptr;
     {
         const std::lock_guard guard(the().mutex);
@@ -181,6 +198,7 @@ void yield_to_waiter()
         }
     }
     if (next != nullptr) {
+        note_hold();
         holding = false;
         hand_over(*next);
         run_release_hooks();
@@ -213,6 +231,8 @@ bool plock_batch_kept()
 {
     return batch_kept;
 }
+
+void plock_report_to(lock_page *page) { reported_to.store(page, std::memory_order_release); }
 
 void plock_on_release(void (*hook)())
 {

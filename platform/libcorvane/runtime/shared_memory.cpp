@@ -1,6 +1,7 @@
 // Files of shared memory: mapped at an address that stays, whatever happens to the file behind it.
 #include "shared_memory.h"
 
+#include "../plock_batch.h"
 #include "drops.h"
 
 #include <cerrno>
@@ -122,6 +123,8 @@ void shared_memory_start()
             counters->count[i].fetch_add(drop_counters->count[i].exchange(0));
         drop_counters = counters;
     }
+    if (auto *page = map_now_or_later(LOCKS_SHM, sizeof(lock_page), true); page != nullptr)
+        plock_report_to(static_cast<lock_page *>(page));
     if (auto *page = map_now_or_later(PLATFORM_SHM, sizeof(platform_page), false); page != nullptr)
         settings_page = static_cast<const platform_page *>(page);
 }

@@ -1,4 +1,5 @@
 // The process lock, its batches, and the timers that run under it.
+#include "../../wire/platform.h"
 #include "../plock_batch.h"
 #include "active_timer.h"
 #include "corvane_thread.h"
@@ -115,6 +116,40 @@ TEST(ProcessLock, AThreadThatReleasesAndTakesAtOnceDoesNotStarveAWaiter)
     plock_release_process_lock();
     waiter.join();
     stop = true;
+}
+
+TEST(ProcessLock, NotesTheLongestHoldThatSomebodyWaitedForAndNoOther)
+{
+    static corvane::lock_page page;
+    corvane::plock_report_to(&page);
+    plock_acquire_process_lock();
+    poll(nullptr, 0, 30);                    // nobody waits: no hold to be noted
+    plock_release_process_lock();
+    EXPECT_EQ(page.waited_for, 0u);
+    std::atomic<int> started{0};
+    plock_acquire_process_lock();
+    std::thread waiter([&] {
+        started = 1;
+        plock_acquire_process_lock();
+        plock_release_process_lock();
+    });
+    wait_until_waiting(started, 1);          // 20 ms
+    plock_release_process_lock();
+    waiter.join();
+    EXPECT_EQ(page.waited_for, 1u);
+    EXPECT_GE(page.longest_hold_ns, 20'000'000u);
+    const std::uint64_t longest = page.longest_hold_ns;
+    plock_acquire_process_lock();
+    std::thread short_waiter([&] {
+        started = 2;
+        plock_acquire_process_lock();
+        plock_release_process_lock();
+    });
+    while (page.waited_for == 1u)
+        plock_sched_yield();
+    plock_release_process_lock();
+    short_waiter.join();
+    EXPECT_EQ(page.longest_hold_ns, longest);
 }
 
 TEST(ProcessLock, ScopeGivesItUpAndTakesItBack)
