@@ -22,6 +22,7 @@ class CorePeers(TwoSites):
         self.stranger = f"198.18.{self.edge.node.site}.254"
         self.socket = self.open_socket()
         self.addCleanup(self.socket.close)
+        self.assert_stretched(10)                            # a tunnel takes packets a moment after its overlay is up
 
     def tearDown(self):
         self.edge.corvsh("configure terminal", "no lum core-peers known-only", check=False)
@@ -87,6 +88,7 @@ class CorePeers(TwoSites):
     def test_a_configured_route_makes_its_next_hop_known(self):
         self.known_only()
         line = f"lum route 10/02:00:00:00:0e:0f interface Overlay1 next-hop {self.stranger}"
+        self.addCleanup(self.edge.corvsh, "configure terminal", f"no {line}", check=False)
         self.edge.configure(line)
         self.wait_passes(True)
         self.edge.configure(f"no {line}")
@@ -121,7 +123,7 @@ class CorePeers(TwoSites):
         killed = self.edge.kill_lum()
         wait_until(lambda: self.edge.lum_pid() not in (None, killed), 15, "lum is back")
         self.edge.wait_overlay()
-        self.assert_stretched(10)                            # a tunnel takes packets a moment after its overlay is up
+        self.assert_stretched(10)
         self.assertFalse(self.passes())
 
 
