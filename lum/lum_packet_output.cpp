@@ -140,7 +140,7 @@ int lum_output(const lum_frame &frame, std::uint32_t iod, const lum_mac_info &so
 int lum_send(const std::uint8_t *payload, std::uint32_t length, const std::uint8_t *source_mac,
              const std::uint8_t *destination_mac, std::uint16_t ethertype, std::uint32_t iod)
 {
-    // Names no VLAN, deliberate: a reply belongs where its request came from, which the packet service still has in hand.
+    // Names no VLAN, deliberate: a reply belongs where its request came from, and that the packet service has in hand.
     net_l2_header header{.ethertype_be = to_be16(ethertype)};
     std::memcpy(header.destination.data(), destination_mac, header.destination.size());
     std::memcpy(header.source.data(), source_mac, header.source.size());

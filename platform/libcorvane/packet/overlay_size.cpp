@@ -19,7 +19,8 @@ constexpr std::uint8_t FAMILY_IPV6 = 5;
 std::string line(const interface_record &overlay, std::uint32_t needed, const interface_record &core)
 {
     char text[2 * sizeof core.name + 128];
-    std::snprintf(text, sizeof text, "%s: full frames take packets of %u bytes, the MTU of %s is %u: they leave in fragments",
+    std::snprintf(text, sizeof text,
+                  "%s: full frames take packets of %u bytes, the MTU of %s is %u: they leave in fragments",
                   overlay.name, needed, core.name, core.mtu);
     return text;
 }
@@ -46,7 +47,8 @@ bool overlay_size_notices::is_news(const notice &now)
     return true;
 }
 
-std::vector<std::string> overlay_size_notices::look(std::span<const overlay_config> overlays, const interface_table &table)
+std::vector<std::string> overlay_size_notices::look(std::span<const overlay_config> overlays,
+                                                    const interface_table &table)
 {
     std::erase_if(given_, [&](const notice &n) {
         return std::ranges::find(overlays, n.overlay_iod, &overlay_config::iod) == overlays.end();
@@ -54,7 +56,8 @@ std::vector<std::string> overlay_size_notices::look(std::span<const overlay_conf
     std::vector<std::string> lines;
     for (const overlay_config &o : overlays) {
         interface_record overlay, core;
-        if (!o.up || !interface_read(table, o.iod, overlay) || !interface_read(table, o.core_iod, core) || core.mtu == 0)
+        const bool known = interface_read(table, o.iod, overlay) && interface_read(table, o.core_iod, core);
+        if (!o.up || !known || core.mtu == 0)
             continue;
         const std::uint32_t needed = overlay_full_packet(o);
         if (needed <= core.mtu)

@@ -50,7 +50,10 @@ protected:
         o.up = true;
         return o;
     }
-    std::vector<std::string> look(const std::vector<overlay_config> &overlays) { return notices_.look(overlays, *table_); }
+    std::vector<std::string> look(const std::vector<overlay_config> &overlays)
+    {
+        return notices_.look(overlays, *table_);
+    }
 
     std::unique_ptr<interface_table> table_ = std::make_unique<interface_table>();
     overlay_size_notices notices_;
@@ -77,7 +80,9 @@ TEST_F(OverlaySize, IsSaidOnceWithBothNumbers)
 
 TEST_F(OverlaySize, IsNotSaidWhereAFullFrameJustFits)
 {
-    for (const auto &[gre, family, fits] : {std::tuple{false, 4, UDP4}, {false, 5, UDP6}, {true, 4, GRE4}, {true, 5, GRE6}}) {
+    constexpr std::tuple<bool, int, std::uint32_t> FORMATS[] = {
+        {false, 4, UDP4}, {false, 5, UDP6}, {true, 4, GRE4}, {true, 5, GRE6}};
+    for (const auto &[gre, family, fits] : FORMATS) {
         const std::vector one{overlay(gre, static_cast<std::uint8_t>(family))};
         set_mtu(fits);
         EXPECT_THAT(look(one), IsEmpty()) << fits;
