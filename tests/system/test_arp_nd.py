@@ -92,6 +92,19 @@ class ArpAndNeighbours(TwoSites):
             wait_until(lambda: "fd00:1::dad" in self.requests_on_core(core), 4, "the solicitation is on the core")
         self.assertNotRegex(self.edge.corvsh("show lum arp-nd-cache"), r"\s::\n")
 
+    def test_an_announcement_reaches_the_other_site_and_its_cache(self):
+        address, old, new = "10.1.88.88", "02:00:00:00:88:01", "02:00:00:00:88:02"
+        for mac in (old, new):
+            body = frames.arp(1, mac, address, NO_MAC, address)
+            announcement = frames.ethernet(frames.BROADCAST, mac, frames.ETH_ARP, body)
+            with Capture(self.other.ns, "eth0") as far, Capture(self.one.ns, "eth0") as near, \
+                    Sender(self.one.ns) as sender:
+                sender.send(announcement)
+            self.assertIn(announcement.hex(), [f.hex() for f in far.frames(outgoing=False)])
+            self.assertEqual([f for f in near.decoded(outgoing=False) if f.arp()], [])
+            for edge in self.edges.values():
+                self.assertRegex(edge.corvsh("show lum arp-nd-cache"), rf"10/{mac}\s+\S+\s+{address}\n")
+
     def test_a_request_for_an_anycast_address_stays_at_its_site(self):
         self.edge.configure("lum anycast-arp 10.1.200.1")
         self.addCleanup(self.edge.configure, "no lum anycast-arp 10.1.200.1")
