@@ -20,7 +20,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <set>
+#include <string>
 #include <sys/prctl.h>
 #include <thread>
 #include <unistd.h>
@@ -120,11 +122,15 @@ int serve(mbus_q queue)
     }
 }
 
-// Ends with the corvaned that started it: the next one starts its own.
+// Ends with the corvaned that started it: the next one starts its own, and of two each would leave the answer to the
+// other. False when that corvaned has ended already, or was never there.
 bool tie_to_parent()
 {
-    const pid_t parent = getppid();
-    return prctl(PR_SET_PDEATHSIG, SIGTERM) == 0 && getppid() == parent;
+    if (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0)
+        return false;
+    std::ifstream file("/proc/" + std::to_string(getppid()) + "/comm");
+    std::string name;
+    return std::getline(file, name) && name == "corvaned";
 }
 
 } // namespace
@@ -135,8 +141,10 @@ int main(int argc, char **)
         std::fprintf(stderr, "Usage: corvack    (started by corvaned; CORVANE_ROOT names the platform)\n");
         return EXIT_USAGE;
     }
-    if (!tie_to_parent())
-        return failed("parent process");
+    if (!tie_to_parent()) {
+        std::fprintf(stderr, "corvack: it is corvaned that starts this program\n");
+        return EXIT_FAILED;
+    }
     const mbus_q queue = mbus_bind(1, 0, {}, "corvack");
     if (queue == MBUS_Q_INVALID)
         return failed("bus");

@@ -126,6 +126,22 @@ class OverlayDeletion(TwoSites):
         self.wait_gone(7)
         self.assertIn(f"corvack (process {pid}) ended and is started again", self.edge.output())
 
+    def test_a_deletion_that_waits_when_corvaned_is_killed_is_answered_afterwards(self):
+        self.make(7)
+        self.follower()                                      # its connection ends with corvaned
+        self.remove(7)
+        self.wait_held(7)
+        self.edge.process.send(signal.SIGKILL)
+        self.edge.process.wait(5)
+        self.edge.start_with(["--config", self.edge.config_file])
+        self.wait_gone(7)
+        services = self.edge.corvsh("show services")
+        self.assertEqual(len(re.findall(r"corvack +up", services)), 1, services)
+
+    def test_corvack_is_for_corvaned_to_start(self):
+        started = self.edge.ns.run(self.edge.programs / "corvack", check=False)
+        self.assertEqual((started.returncode, started.stderr), (1, "corvack: it is corvaned that starts this program\n"))
+
     # ---- several overlays in one message
 
     def test_each_overlay_of_a_removal_waits_for_its_own_answer(self):
