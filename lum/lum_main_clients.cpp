@@ -186,7 +186,9 @@ bool init_udp()
 // the two services reports last.
 void packet_manager_is_up()
 {
-    if (lum_pm_initialized == 0 && !lum_init_pm()) {
+    if (lum_pm_initialized != 0)
+        return;                  // an IPv4 client that failed waits for the report of its own service
+    if (!lum_init_pm()) {
         LUM_LOG(API_FAILED, "lum_init_pm()");
         return;
     }

@@ -65,11 +65,15 @@ TEST_F(LumProcessSvcmgrNotifyUp, SetsUpIpv4OnlyBehindThePacketManager)
     EXPECT_EQ(platform.called("ip_api_init"), 1u);
 }
 
-TEST_F(LumProcessSvcmgrNotifyUp, TriesIpv4AgainWithEitherReport)
+TEST_F(LumProcessSvcmgrNotifyUp, TriesIpv4AgainWithItsOwnReportOnly)
 {
     platform.fail("ip_api_init");
     platform.service_up(SVC_PKTMGR);
     EXPECT_THAT(platform.syslog_texts(), ElementsAre(failed("ip_api_init()"), failed("lum_init_ip()")));
+    platform.forget();
+    platform.service_up(SVC_PKTMGR);
+    EXPECT_THAT(platform.calls, IsEmpty());
+    EXPECT_EQ(lum_ip_initialized, 0u);
     platform.service_up(SVC_IP);
     EXPECT_EQ(lum_ip_initialized, 1u);
 }
@@ -253,9 +257,11 @@ TEST_F(LumProcessSvcmgrNotifyUp, TakesAHandshakeQueryOnlyOnceTheHandshakeIsDone)
 
 TEST_F(LumProcessSvcmgrNotifyUp, WalksThePublishedOverlaysWhenIgmpComesUp)
 {
+    platform.fail("sdb_iterator_create");
     platform.service_up(SVC_IGMP);
-    EXPECT_EQ(lum_igmp_initialized, 1u);
+    EXPECT_EQ(lum_igmp_initialized, 1u);                     // a database that cannot be read is no reason to be down
     EXPECT_EQ(platform.called("igmp_api_init"), 1u);
+    EXPECT_NE(lum_sdb_iterator_init(0, 1, 1), nullptr);      // the failure has met the walk
 }
 
 using LumProcessSvcmgrNotifyDown = LumClients;
