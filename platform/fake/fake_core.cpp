@@ -72,6 +72,7 @@ void platform_object::forget()
 {
     static_cast<recorded &>(*this) = {};
     state_->fallible = 0;
+    state_->refused.clear();
 }
 
 std::unique_lock<std::recursive_mutex> hold_state()
@@ -105,6 +106,8 @@ bool refuse_now(const char *name)
         errno = found->second;
         named = true;
     }
+    if (any || named)
+        s.refused = name;
     return any || named;
 }
 
@@ -122,8 +125,10 @@ void platform_object::fail_any(std::size_t nth, int error)
 {
     state_->any = {nth, error};
     state_->fallible = 0;
+    state_->refused.clear();
 }
 std::size_t platform_object::fallible_calls() const { return state_->fallible; }
+std::string platform_object::refused() const { return state_->refused; }
 
 std::size_t platform_object::called(std::string_view name) const
 {

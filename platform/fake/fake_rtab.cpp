@@ -1,6 +1,7 @@
 // Route table: learnt and operator's routes, multicast routes, and the meaning of route updates.
 #include "fake_state.h"
 
+#include "../libcorvane/base/fault.h"
 #include "../wire/rtab_update.h"
 
 #include <algorithm>
@@ -307,7 +308,20 @@ route_key key_of(const rtab_mac_info &info)
     return std::uint64_t{info.vlan & 0xFFFF} << 48 | __builtin_bswap64(mac) >> 16;
 }
 
-mroute_entry::mroute_entry() : oifs(bitfield_create({}, PORTS)) { view.oifs = oifs; }
+namespace {
+
+// The table's own memory: what fails on purpose is the daemon's.
+bitfield *create_oifs()
+{
+    const corvane::base_fault_hook hook = std::exchange(corvane::base_fault, nullptr);
+    bitfield *made = bitfield_create({}, PORTS);
+    corvane::base_fault = hook;
+    return made;
+}
+
+} // namespace
+
+mroute_entry::mroute_entry() : oifs(create_oifs()) { view.oifs = oifs; }
 mroute_entry::~mroute_entry() { bitfield_destroy(oifs); }
 
 void platform_object::route(const rtab_mac_info &key, std::vector<rtab_addr> nexthops, std::uint32_t owner)

@@ -83,6 +83,7 @@ struct state {
     std::map<std::string, int, std::less<>> always;
     fault any;
     std::size_t fallible = 0;
+    std::string refused;                                     // since reset, forget or fail_any
     // bus
     std::map<mbus_q, bus_queue> queues;
     mbus_q last_queue = 0;
