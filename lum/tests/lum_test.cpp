@@ -1,6 +1,6 @@
 #include "lum_test.h"
 
-#include "memacct.h"
+#include "lum_ui.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -67,13 +67,21 @@ void clear_flags()
     lum_filter_fhrp = 1;
 }
 
+// By the daemon's own functions, which keep the index of the routes in step.
 void clear_statics()
 {
-    for (rqueue *queue : {&lum_staticQ, &lum_static_tunnelQ})
-        while (rqueue_link *link = queue->head) {
-            runqueue(*queue, link);
-            memacct_free(LUM_SERVICE, LUM_MEM_TYPE_STATIC, link);
-        }
+    plock_assert_held();
+    const lum_addr any_next_hop = lum_addr_iod(1);           // a route without one is found by nobody
+    while (lum_staticQ.head != nullptr) {
+        auto *entry = reinterpret_cast<lum_static_entry *>(lum_staticQ.head);
+        entry->next_hop = any_next_hop;
+        lum_delete_static_route(lum_mac_info{entry->mac}, any_next_hop);
+    }
+    while (lum_static_tunnelQ.head != nullptr) {
+        auto *tunnel = reinterpret_cast<lum_static_entry *>(lum_static_tunnelQ.head);
+        tunnel->next_hop = any_next_hop;
+        lum_delete_static_tunnel(any_next_hop);
+    }
 }
 
 } // namespace
