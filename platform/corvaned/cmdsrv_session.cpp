@@ -24,7 +24,9 @@ using clock = std::chrono::steady_clock;
 constexpr std::size_t SESSIONS_MAX = 256;
 constexpr std::size_t WAITING_MAX = 96 * 1024 * 1024;        // output of one session
 constexpr std::size_t WAITING_TOTAL = 64 * 1024 * 1024;      // of all: above it no further command begins
-constexpr std::size_t WAITING_HOLD = 1024 * 1024;            // above it a client is granted no more
+// Above it a client is granted no more, and its handler waits. A client carries out one command at a time, so what is
+// less than this must not keep other shells from it while a pager stands.
+constexpr std::size_t WAITING_HOLD = 8 * 1024 * 1024;
 constexpr std::size_t OUTPUT_PIECE = 32 * 1024, HELD_MAX = 64 * 1024;
 constexpr std::chrono::seconds HELLO_PATIENCE{10}, STALL_PATIENCE{30}, TICK{1};
 
