@@ -1,5 +1,5 @@
 // The daemon's life in one script, from start-up to clean-up, run again and again with another one of its calls failing
-// each time: allocations, sends, receives, timers, threads, the database. Whatever fails, nothing crashes, every message
+// each time: allocations, sends, receives, timers, threads, the database. Whatever fails, nothing crashes, each message
 // is released once, and what is left of the memory is what the tables still hold.
 #include "lum_test.h"
 

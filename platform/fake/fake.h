@@ -183,7 +183,7 @@ public:
     // The nth call from now on of any function that can fail fails once: for loops over a scripted run.
     void fail_any(std::size_t nth, int error = EIO);
     [[nodiscard]] std::size_t fallible_calls() const;                            // since reset, forget or fail_any
-    [[nodiscard]] std::string refused() const;                                   // name of the last that failed so, or ""
+    [[nodiscard]] std::string refused() const;                                   // name of the last that failed, or ""
 
     // ---- clock and timers. Timers fire inside these calls, in the order of their times, with the lock held.
     void advance(std::uint32_t seconds);
