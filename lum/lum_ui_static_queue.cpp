@@ -135,7 +135,8 @@ bool lum_static_entry_has_name(const lum_static_entry &entry, const char *if_nam
     return std::strncmp(entry.if_name, if_name, sizeof entry.if_name) == 0;
 }
 
-lum_static_entry *lum_get_static_route_as_entered(const lum_mac_info &mac, const lum_addr &next_hop, const char *if_name)
+lum_static_entry *lum_get_static_route_as_entered(const lum_mac_info &mac, const lum_addr &next_hop,
+                                                  const char *if_name)
 {
     if (lum_static_entry *entry = lum_get_static_route(mac, next_hop); entry != nullptr)
         return entry;

@@ -128,6 +128,17 @@ TEST_F(LumDebugPacket, AMalformedSourceClearsTheFiltersAndLeavesTheFlag)
     }
 }
 
+TEST_F(LumDebugPacket, AMalformedDestinationLeavesTheSourceThatWasGivenBeforeItAndNoKind)
+{
+    set_everything();
+    lum_packet_debug_flag = 0;
+    const command_result result = debug({{"<smac-info>", SOURCE}, {"<dmac-info>", "20/02"}, {"unicast", ""}});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "Illegal VLAN-id\n");
+    EXPECT_EQ(current(), (filters{0, 3, 0, 0, 0, 0}));
+    EXPECT_EQ(platform.called("hakit_evhist_set_elem"), 0u);
+}
+
 TEST_F(LumDebugPacket, AMalformedDestinationLeavesTheFlagToo)
 {
     set_everything();

@@ -79,7 +79,8 @@ struct LumRejectedCommands : ControlTest {
         add(now.globals, lum_filter_fhrp);
         add(now.globals, lum_svr.site_vlan);
         for (const lum_vlan &entry : lum_vlans)
-            now.globals.push_back(static_cast<std::uint8_t>(entry.ports != nullptr ? bitfield_count_set(*entry.ports) : 0));
+            if (entry.ports != nullptr)
+                add(now.globals, bitfield_count_set(*entry.ports));
         add_queue(now.entries, lum_staticQ);
         add_queue(now.entries, lum_static_tunnelQ);
         for (std::uint32_t iod = 0; iod < LUM_PORTS; ++iod)
@@ -195,16 +196,16 @@ TEST_F(LumRejectedCommands, OfTheAnycastList)
 
 TEST_F(LumRejectedCommands, OfStaticRoutes)
 {
-    for (const char *mac : {"", "10", "10/", "/02:00:00:00:00:01", "4096/02:00:00:00:00:01", "-1/02:00:00:00:00:01",
-                            "10/02:00:00:00:00", "10/02:00:00:00:00:01:", "10/02:00:00:00:00:0g", "x/02:00:00:00:00:01"})
-        expect_both_refused({lum_route_cmd, {{"<mac-info>", mac}, {"<if-name>", "eth1"}}, false, 0,
+    for (const char *text :
+         {"", "10", "10/", "/02:00:00:00:00:01", "4096/02:00:00:00:00:01", "-1/02:00:00:00:00:01", "10/02:00:00:00:00",
+          "10/02:00:00:00:00:01:", "10/02:00:00:00:00:0g", "x/02:00:00:00:00:01"})
+        expect_both_refused({lum_route_cmd, {{"<mac-info>", text}, {"<if-name>", "eth1"}}, false, 0,
                              "Illegal VLAN-id\n"});
     expect_both_refused({lum_route_cmd, {{"<mac-info>", GROUP_MAC}}, false, 0,
                          "Invalid next-hop for multicast MAC address\n"});
-    for (const char *name : {"<nh>", "<nh6>"})
-        expect_both_refused({lum_route_cmd,
-                             {{"<mac-info>", GROUP_MAC}, {"<if-name>", "eth1"}, {name, name[3] == '6' ? "::9" : "1.2.3.4"}},
-                             false, 0, "Invalid next-hop for multicast MAC address\n"});
+    for (const auto &[name, address] : {std::pair{"<nh>", "198.51.100.9"}, {"<nh6>", "2001:db8::9"}})
+        expect_both_refused({lum_route_cmd, {{"<mac-info>", GROUP_MAC}, {"<if-name>", "eth1"}, {name, address}}, false,
+                             0, "Invalid next-hop for multicast MAC address\n"});
     const std::string most = "Maximum supported next-hops for static entries is 4\n";
     expect_refused({{lum_route_cmd, {{"<mac-info>", FULL}, {"<nh>", "198.51.100.5"}}, false, 0, most},
                     {lum_route_cmd, {{"<mac-info>", FULL}, {"<nh>", "198.51.100.1"}}, false, 0, most},

@@ -278,11 +278,12 @@ TEST_F(LumShowTablesWhole, CachesOfTwoOverlaysStandBehindEachOther)
     lum_cache_arp_nd(first, ipv4(255, 255, 255, 254), {}, 4095, mac("fe:dc:ba:98:76:54").data());
     lum_cache_arp_nd(second, 0, ipv6("2001:db8:1111:2222:3333:4444:5555:6666"), 1, mac("02:00:00:00:00:03").data());
     platform.advance(3661);
-    EXPECT_EQ(run(lum_show_arp_nd_cache_cmd), "LUM ARP/ND L3->L2 Address Mapping Cache\n"
-                                              "VLAN/MAC Address      Uptime    Layer-3 Address\n"
-                                              "4095/fe:dc:ba:98:76:5401:01:01  255.255.255.254\n"
-                                              "VLAN/MAC Address      Uptime    Layer-3 Address\n"
-                                              "1/02:00:00:00:00:03   01:01:01  2001:db8:1111:2222:3333:4444:5555:6666\n");
+    EXPECT_EQ(run(lum_show_arp_nd_cache_cmd),
+              "LUM ARP/ND L3->L2 Address Mapping Cache\n"
+              "VLAN/MAC Address      Uptime    Layer-3 Address\n"
+              "4095/fe:dc:ba:98:76:5401:01:01  255.255.255.254\n"
+              "VLAN/MAC Address      Uptime    Layer-3 Address\n"
+              "1/02:00:00:00:00:03   01:01:01  2001:db8:1111:2222:3333:4444:5555:6666\n");
 }
 
 TEST_F(LumShowTablesWhole, AdjacenciesWithLongAddressesKeepTheirColumns)
