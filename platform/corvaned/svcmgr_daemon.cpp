@@ -185,6 +185,11 @@ void stop_daemon(daemon_process &d, std::uint32_t reason)
 void check_heartbeats()
 {
     for (daemon_process &d : the().list) {
+        if (d.state == life::RUNNING && !d.greeted && !d.adopted && clock::now() - d.started > 2 * the().heartbeat_limit) {
+            log_line(3, label(d) + " does not get ready: it is killed");
+            d.started = clock::now();
+            send_signal(d, SIGKILL);
+        }
         if (d.state != life::RUNNING || !d.watched || clock::now() - d.last_beat <= the().heartbeat_limit)
             continue;
         log_line(3, label(d) + " sends no heartbeats: it is killed");

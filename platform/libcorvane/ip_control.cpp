@@ -1,9 +1,11 @@
 // Control part of the IPv4 and IPv6 clients: registration, addresses, address notifications. Output is in core/.
 #include "ip.h"
 #include "ipv6.h"
+#include "svcmgr.h"
 
 #include "client.h"
 #include "interfaces.h"
+#include "service_retry.h"
 #include "../wire/ipmgr.h"
 
 #include <atomic>
@@ -32,12 +34,22 @@ void announce_again()
         announce(FAMILY_IPV6);
 }
 
-std::uint32_t new_client() { return interfaces() == nullptr ? 0 : ++last_client; }
+std::uint32_t service_of(std::uint32_t family) { return family == FAMILY_IPV4 ? SVC_IP : SVC_IPV6; }
+
+std::uint32_t new_client(std::uint32_t family)
+{
+    if (interfaces() != nullptr)
+        return ++last_client;
+    service_failed(service_of(family));
+    return 0;
+}
 
 bool register_client(std::uint32_t client, mbus_q main_queue, std::uint32_t family)
 {
-    if (client == 0 || mbus_options_set(main_queue, IP_NOTIFY_OPCODE, OPTION_SUBSCRIBE) < 0)
+    if (client == 0 || mbus_options_set(main_queue, IP_NOTIFY_OPCODE, OPTION_SUBSCRIBE) < 0) {
+        service_failed(service_of(family));
         return false;
+    }
     std::atomic<bool> &registered = family == FAMILY_IPV4 ? registered_ipv4 : registered_ipv6;
     static std::atomic<bool> hooked{false};
     if (!hooked.exchange(true))
@@ -49,8 +61,8 @@ bool register_client(std::uint32_t client, mbus_q main_queue, std::uint32_t fami
 
 } // namespace
 
-ip_client ip_api_init() { return new_client(); }
-ipv6_client ipv6_api_init() { return new_client(); }
+ip_client ip_api_init() { return new_client(FAMILY_IPV4); }
+ipv6_client ipv6_api_init() { return new_client(FAMILY_IPV6); }
 
 void ip_api_close(ip_client client)
 {

@@ -2,9 +2,11 @@
 #include "igmp.h"
 #include "ip.h"
 #include "ipv6.h"
+#include "svcmgr.h"
 
 #include "base/ip_groups.h"
 #include "interfaces.h"
+#include "service_retry.h"
 
 #include <cstring>
 #include <netinet/in.h>
@@ -55,7 +57,12 @@ void leave(std::uint32_t iod, const ip_group &group)
 
 } // namespace
 
-bool igmp_api_init() { return interfaces() != nullptr; }
+bool igmp_api_init()
+{
+    if (interfaces() == nullptr)
+        service_failed(SVC_IGMP);
+    return interfaces() != nullptr;
+}
 
 void ip_group_join(std::uint32_t iod, std::uint32_t group) { join(iod, ipv4_group(group)); }
 void ip_group_leave(std::uint32_t iod, std::uint32_t group) { leave(iod, ipv4_group(group)); }

@@ -1,7 +1,9 @@
 // Route table client: lookups in shared memory, updates to corvaned.
 #include "rtab.h"
+#include "svcmgr.h"
 
 #include "client.h"
+#include "service_retry.h"
 #include "../wire/rtab.h"
 #include "../wire/rtab_update.h"
 
@@ -71,8 +73,10 @@ bool rtab_api_init(mbus_q /*queue*/, const char *name, std::uint32_t flags)
 {
     const reply answer = call(RTAB_OPEN, byte_writer().put(flags).text(name == nullptr ? "" : name).view());
     const auto *shared = static_cast<const rtab_shared *>(map_shared(RTAB_SHM, sizeof(rtab_shared), false));
-    if (answer.error != 0 || shared == nullptr)
+    if (answer.error != 0 || shared == nullptr) {
+        service_failed(SVC_RTAB);
         return false;
+    }
     const std::lock_guard guard(open_mutex);
     ++open_count;
     own_service.store(byte_reader(answer.data).get<std::uint32_t>());

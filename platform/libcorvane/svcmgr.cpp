@@ -4,10 +4,12 @@
 
 #include "client.h"
 #include "runtime/connection.h"
+#include "service_retry.h"
 
 #include "../wire/svcmgr.h"
 
 #include <cerrno>
+#include <ctime>
 #include <map>
 #include <mutex>
 
@@ -160,6 +162,10 @@ bool svcmgr_condition_verified(std::uint32_t, std::uint32_t)
 void svcmgr_heartbeat(std::uint32_t first)
 {
     (void)send_oneway_now(SVCMGR_HEARTBEAT, byte_writer().put(first).view(), false);
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    for (const std::uint32_t service : services_to_retry(static_cast<std::uint64_t>(now.tv_sec)))
+        (void)send_oneway_now(SVCMGR_QUERY, byte_writer().put(service).put(0u).view(), false);
 }
 
 std::uint32_t svcmgr_heartbeat_timeout_get()

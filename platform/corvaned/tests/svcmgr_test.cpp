@@ -104,6 +104,9 @@ struct actor {
     std::fflush(stdout);
     if (part == "dies")
         _exit(3);
+    if (part == "never ready")
+        for (;;)
+            pause();
     actor a;
     a.deaf = part == "deaf";
     if (a.deaf)
@@ -268,6 +271,15 @@ TEST_F(ServiceManager, KillsADaemonWhoseHeartbeatsEndAndStartsItAgain)
     EXPECT_TRUE(logged("(process " + std::to_string(first) + ") sends no heartbeats: it is killed"));
     setenv(PART, "serves", 1);
     EXPECT_NE(await_lum(first), first);
+}
+
+TEST_F(ServiceManager, KillsADaemonThatDoesNotGetReadyAndStartsItAgain)
+{
+    setenv("CORVANE_HEARTBEAT_TIMEOUT_MS", "2500", 1);
+    start("never ready");
+    setenv(PART, "serves", 1);
+    EXPECT_TRUE(logged("does not get ready: it is killed") || logged("does not get ready: it is killed"));      // 5 s each
+    EXPECT_NE(await_lum(), 0);
 }
 
 TEST_F(ServiceManager, InsistsAndKillsADaemonThatDoesNotStop)

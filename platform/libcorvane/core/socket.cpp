@@ -3,6 +3,8 @@
 #include "corvane_socket.h"
 
 #include "../plock_batch.h"
+#include "../service_retry.h"
+#include "svcmgr.h"
 #include "syslog_client.h"
 #include "udp_batch.h"
 
@@ -63,6 +65,15 @@ int family_of(int socket)
     return getsockopt(socket, SOL_SOCKET, SO_DOMAIN, &family, &length) == 0 ? family : 0;
 }
 
+// Errors are told by the caller, who looks at errno.
+void failed_for(int family)
+{
+    const int error = errno;
+    if (family == AF_INET || family == AF_INET6)
+        corvane::service_failed(SVC_UDP);
+    errno = error;
+}
+
 int take_whole_packets(int socket, int level, const void *value, socklen_t length)
 {
     const int family = level == LEVEL_IPV6 ? AF_INET6 : AF_INET;
@@ -74,8 +85,10 @@ int take_whole_packets(int socket, int level, const void *value, socklen_t lengt
         errno = ENOPROTOOPT;
         return -1;
     }
-    if (ask_for_headers(socket, family) != 0)
+    if (ask_for_headers(socket, family) != 0) {
+        failed_for(family);
         return -1;
+    }
     if (setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &RECEIVE_BUFFER_BYTES, sizeof RECEIVE_BUFFER_BYTES) != 0)
         (void)setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER_BYTES, sizeof RECEIVE_BUFFER_BYTES);
     std::uint32_t on = 0;
@@ -159,6 +172,8 @@ std::uint16_t port_of(const sockaddr *address, socklen_t length)
 int corvane_socket(int family, int type, int protocol)
 {
     const int fd = socket(family, type | SOCK_CLOEXEC, protocol);
+    if (fd < 0)
+        failed_for(family);
     if (fd >= 0 && family == AF_INET6 && type == SOCK_DGRAM)
         (void)set_flag(fd, IPPROTO_UDP, UDP_NO_CHECK6_RX);
     return fd;
@@ -170,7 +185,10 @@ int corvane_setsockopt(int socket, int level, int option, const void *value, soc
         return take_whole_packets(socket, level, value, length);
     if (level == LEVEL_IP && option == OPTION_CONTEXT)
         return 0;
-    return setsockopt(socket, level, option, value, length);
+    const int result = setsockopt(socket, level, option, value, length);
+    if (result != 0)
+        failed_for(family_of(socket));
+    return result;
 }
 
 int corvane_bind(int socket, const sockaddr *address, socklen_t length)
@@ -179,6 +197,7 @@ int corvane_bind(int socket, const sockaddr *address, socklen_t length)
     if (result != 0) {
         // The daemon's own message names the socket; the one who has to free the port needs its number.
         const int error = errno;
+        failed_for(address->sa_family);
         krel_syslog(3, "UDP port %u: %s", static_cast<unsigned>(port_of(address, length)), strerror(error));
         errno = error;
     }

@@ -17,6 +17,8 @@ namespace corvane {
 
 namespace {
 
+constexpr int RETRY_MS = 1000;
+
 enum fixed_descriptor : std::size_t { WAKE, CHANGE, TUNNEL_IPV4, TUNNEL_IPV6, FIRST_PORT };
 
 void drain(int fd)
@@ -353,7 +355,8 @@ void frame_source::list_descriptors(int wake_fd)
 bool frame_source::wait(int wake_fd)
 {
     list_descriptors(wake_fd);
-    if (poll(descriptors_.data(), descriptors_.size(), -1) <= 0)
+    // A ring that could not be opened is tried again, for memory and descriptors come back without notice.
+    if (poll(descriptors_.data(), descriptors_.size(), retry_ports_ ? RETRY_MS : -1) <= 0)
         return false;
     if (descriptors_[CHANGE].revents != 0)
         drain(change_fd_);

@@ -4,6 +4,7 @@
 #include "../core/link_output.h"
 #include "../core/monitor.h"
 #include "../interfaces.h"
+#include "../service_retry.h"
 #include "authority.h"
 #include "frame_source.h"
 #include "gre.h"
@@ -14,6 +15,7 @@
 #include "tag.h"
 
 #include "drops.h"
+#include "svcmgr.h"
 #include "syslog_client.h"
 
 #include <arpa/inet.h>
@@ -161,11 +163,11 @@ net_l2_handle net_l2_register(const net_l2_registration &wanted)
     if (r.handle != 0)
         return 0;
     auto source = std::make_unique<frame_source>();
-    if (!source->ready())
+    if (!source->ready() || !mbus_local_attach(wanted.queue, source.get())) {
+        service_failed(SVC_PKTMGR);
         return 0;
+    }
     source->follow_ports();
-    if (!mbus_local_attach(wanted.queue, source.get()))
-        return 0;
     r.source = std::move(source);
     r.queue = wanted.queue;
     r.handle = ++r.last_handle;
