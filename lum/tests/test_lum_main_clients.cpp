@@ -29,8 +29,10 @@ TEST_F(LumProcessSvcmgrNotifyUp, RegistersTheCommandsWhenTheCommandServerIsUp)
     EXPECT_EQ(lum_cli_initialized, 1u);
     platform.fail("cli_init");
     lum_cli_initialized = 0;
+    lum_internal_debug_flag = 1;
     platform.service_up(SVC_CMDSRV);
     EXPECT_THAT(platform.syslog_texts(), ElementsAre(failed("rtab_cli_init()")));
+    EXPECT_THAT(platform.traces, IsEmpty());                 // the report ends here
 }
 
 TEST_F(LumProcessSvcmgrNotifyUp, SetsUpTheRouteTableClient)
@@ -76,6 +78,24 @@ TEST_F(LumProcessSvcmgrNotifyUp, TriesIpv4AgainWithItsOwnReportOnly)
     EXPECT_EQ(lum_ip_initialized, 0u);
     platform.service_up(SVC_IP);
     EXPECT_EQ(lum_ip_initialized, 1u);
+}
+
+TEST_F(LumProcessSvcmgrNotifyUp, GivesTheIpv4ClientBackWhenItCannotRegister)
+{
+    platform.fail("ip_register");
+    platform.service_up(SVC_PKTMGR);
+    EXPECT_THAT(platform.syslog_texts(), ElementsAre(failed("ip_register()"), failed("lum_init_ip()")));
+    EXPECT_THAT(platform.call_texts({"ip_api_close"}), ElementsAre("ip_api_close(41)"));
+    EXPECT_EQ(lum_pm_initialized, 1u);
+    EXPECT_EQ(lum_ip_initialized, 0u);
+}
+
+TEST_F(LumProcessSvcmgrNotifyUp, LeavesIpv4AloneWhenThePacketManagerCannotBeSetUp)
+{
+    platform.fail("net_l2_register");
+    platform.service_up(SVC_PKTMGR);
+    platform.service_up(SVC_IP);
+    EXPECT_EQ(platform.called("ip_api_init"), 0u);
 }
 
 TEST_F(LumProcessSvcmgrNotifyUp, BindsThePacketQueueRegistersForFramesAndStartsItsThread)
@@ -214,7 +234,8 @@ TEST_F(LumProcessSvcmgrNotifyUp, SetsUpOnAStandbyOnlyTheCommands)
     EXPECT_EQ(lum_rtab_initialized + lum_ip_initialized + lum_ipv6_initialized + lum_udp_initialized +
                   lum_ifmgr_initialized + lum_pm_initialized + lum_vrfmgr_initialized + lum_igmp_initialized,
               0u);
-    EXPECT_FALSE(platform.traced("rtab has come up\n"));
+    for (const std::string &text : platform.trace_texts())
+        EXPECT_EQ(text.find("has come up"), std::string::npos) << text;
 }
 
 TEST_F(LumProcessSvcmgrNotifyUp, SetsUpEverythingWhileRecoveringFromASwitchover)
