@@ -120,36 +120,53 @@ void lum_mforward(const lum_frame &frame, const lum_mac_info &source, const lum_
         LUM_TRACE_PACKET("Multicast %s, oif-list count: %d\n", lum_print_mac_info(destination, info),
                          static_cast<int>(bitfield_count_set(oifs)));
     // The lock is held across all the copies, so that they follow one state of the route.
+    std::uint32_t copies = 0;
     for (std::uint32_t oif = bitfield_find_first_set(oifs); oif != 0; oif = bitfield_find_next_set(oifs, oif))
-        if (oif != iod)
+        if (oif != iod) {
             mforward_to(oif, frame, source, destination);
+            ++copies;
+        }
     rtab_release_rdlock();
+    if (copies == 0)
+        drop_count(drop_reason::FWD_NO_COPY);
 }
 
 namespace {
 
-void flood_ports(const lum_vlan &entry, const lum_frame &frame, const lum_mac_info &source,
-                 const lum_mac_info &destination, std::uint32_t arrival) LUM_LOCKED;
-void flood_ports(const lum_vlan &entry, const lum_frame &frame, const lum_mac_info &source,
-                 const lum_mac_info &destination, std::uint32_t arrival)
+// How many copies there were.
+std::uint32_t flood_ports(const lum_vlan &entry, const lum_frame &frame, const lum_mac_info &source,
+                          const lum_mac_info &destination, std::uint32_t arrival) LUM_LOCKED;
+std::uint32_t flood_ports(const lum_vlan &entry, const lum_frame &frame, const lum_mac_info &source,
+                          const lum_mac_info &destination, std::uint32_t arrival)
 {
+    std::uint32_t copies = 0;
     if (entry.ports == nullptr)
-        return;
+        return copies;
     for (std::uint32_t port = bitfield_find_first_set(*entry.ports); port != 0;
          port = bitfield_find_next_set(*entry.ports, port))
-        if (port != arrival && !bitfield_test(*entry.blocked, port))
+        if (port != arrival && !bitfield_test(*entry.blocked, port)) {
             lum_output(frame, port, source, destination, 0, nullptr);
+            ++copies;
+        }
+    return copies;
 }
 
-void flood_core(lum_overlay *overlay, const lum_frame &frame, const lum_mac_info &source,
+// False: no copy was due. One that was due and could not be sent has been counted.
+bool flood_core(lum_overlay *overlay, const lum_frame &frame, const lum_mac_info &source,
                 const lum_mac_info &destination, std::uint32_t arrival) LUM_LOCKED;
-void flood_core(lum_overlay *overlay, const lum_frame &frame, const lum_mac_info &source,
+bool flood_core(lum_overlay *overlay, const lum_frame &frame, const lum_mac_info &source,
                 const lum_mac_info &destination, std::uint32_t arrival)
 {
+    if (overlay == nullptr || overlay->iod == arrival)
+        return false;
     std::uint32_t ext_iod = 0;
     const lum_addr *group = lum_get_group_address_from_overlay(overlay, &ext_iod);
-    if (group == nullptr || overlay->iod == arrival || !may_enter_core(frame, source, destination))
-        return;
+    if (group == nullptr) {
+        drop_count(drop_reason::ENCAP_NO_SOURCE);
+        return true;
+    }
+    if (!may_enter_core(frame, source, destination))
+        return true;
     lum_text text, name;
     LUM_IF_FRAME_TRACED(source, destination)
         LUM_TRACE_PACKET("Broadcast frame to overlay address %s on %s\n", lum_print_addr(*group, text),
@@ -158,6 +175,7 @@ void flood_core(lum_overlay *overlay, const lum_frame &frame, const lum_mac_info
         lum_output(frame, overlay->iod, source, destination, 0, nullptr);
     else
         lum_encapsulate(frame, source, destination, *group, *overlay);
+    return true;
 }
 
 } // namespace
@@ -171,6 +189,7 @@ void lum_bforward(const lum_frame &frame, const lum_mac_info &source, const lum_
     LUM_IF_FRAME_TRACED(source, destination)
         LUM_TRACE_PACKET("Flood on vlan %d, port count: %d\n", static_cast<int>(source.vlan),
                          entry->ports != nullptr ? static_cast<int>(bitfield_count_set(*entry->ports)) : 0);
-    flood_ports(*entry, frame, source, destination, iod);
-    flood_core(entry->overlay, frame, source, destination, iod);
+    const std::uint32_t copies = flood_ports(*entry, frame, source, destination, iod);
+    if (!flood_core(entry->overlay, frame, source, destination, iod) && copies == 0)
+        drop_count(drop_reason::FWD_NO_COPY);
 }

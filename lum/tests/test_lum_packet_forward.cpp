@@ -255,6 +255,14 @@ TEST_F(LumMforward, NeverReturnsAFrameToTheOverlayItCameFrom)
     EXPECT_THAT(platform.ip_sent, IsEmpty());
 }
 
+TEST_F(LumMforward, CountsAFrameWhoseRouteLeadsOnlyBack)
+{
+    platform.mroute(key(fake::group_mac(GROUP)), {PORT_A});
+    mforward(group_frame());
+    EXPECT_TRUE(platform.sent_nothing());
+    EXPECT_EQ(dropped(drop_reason::FWD_NO_COPY), 1u);
+}
+
 using LumBforward = LumForwarding;
 
 TEST_F(LumBforward, FloodsTheOtherMemberPortsAndTheOverlaysGroup)
@@ -310,6 +318,9 @@ TEST_F(LumBforward, FloodsLocallyOnlyWhileTheExternalInterfaceIsUnresolved)
     bforward(frame_to(fake::BROADCAST));
     EXPECT_THAT(ports_sent_to(), ElementsAre(PORT_B, PORT_C));
     EXPECT_THAT(platform.ip_sent, IsEmpty());
+    EXPECT_EQ(dropped(drop_reason::ENCAP_NO_SOURCE), 1u);    // the core's copy
+    bforward(frame_to(fake::BROADCAST), OVERLAY);            // none was due
+    EXPECT_EQ(dropped_in_all(), 1u);
 }
 
 TEST_F(LumBforward, FloodsLocallyOnlyOnAVlanWithoutOverlay)
@@ -351,10 +362,19 @@ TEST_F(LumBforward, HandsTheFrameToThePacketServiceInGreFormat)
     EXPECT_THAT(platform.ip_sent, IsEmpty());
 }
 
-TEST_F(LumBforward, DropsFrameOfAVlanThatIsNotInUseSilently)
+TEST_F(LumBforward, CountsAFrameThatHasNowhereToGo)
 {
-    lum_bforward({}, key(HOST_A, 77), key(fake::BROADCAST, 77), PORT_A);
+    lum_bforward({}, key(HOST_A, 77), key(fake::BROADCAST, 77), PORT_A);         // a VLAN that is not in use
+    EXPECT_EQ(dropped(drop_reason::FWD_NO_COPY), 1u);
+    lum_vlan_block_port(lum_vlans[VLAN], PORT_B);
+    lum_vlan_delete_port(lum_vlans[VLAN], PORT_C);
+    bforward(frame_to(fake::BROADCAST));                     // into the core
+    EXPECT_EQ(dropped_in_all(), 1u);
+    lum_vlans[VLAN].overlay = nullptr;
+    platform.forget();
+    bforward(frame_to(fake::BROADCAST));
     EXPECT_TRUE(platform.sent_nothing());
+    EXPECT_EQ(dropped(drop_reason::FWD_NO_COPY), 2u);
 }
 
 } // namespace

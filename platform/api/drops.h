@@ -39,7 +39,8 @@
     X(BUS_QUEUE_FULL, "bus: queue full") \
     X(BUS_MALFORMED, "bus: malformed message") \
     X(BUS_UNKNOWN_OPCODE, "bus: unknown opcode") \
-    X(FWD_SPLIT_HORIZON, "route back to where the frame came from")
+    X(FWD_SPLIT_HORIZON, "route back to where the frame came from") \
+    X(FWD_NO_COPY, "group frame: nowhere to go")
 
 enum class drop_reason : std::uint32_t {
 #define DROP_ENUM(name, text) name,
