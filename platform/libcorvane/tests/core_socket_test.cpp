@@ -198,6 +198,24 @@ TEST_F(UdpStack, RebuildsTheOuterIpv6HeaderAndTakesZeroChecksums)
     corvane_close(six);
 }
 
+// With the IPv4 socket out of the way nothing but V6ONLY keeps an IPv4 datagram from being taken as a mapped one.
+TEST_F(UdpStack, GivesNoIpv4DatagramToASocketForIpv6Only)
+{
+    corvane_close(socket_);
+    for (const std::uint32_t only : {0u, 1u}) {
+        const int six = corvane_socket(AF_INET6, SOCK_DGRAM, 0);
+        sockaddr_in6 any{};
+        any.sin6_family = AF_INET6;
+        any.sin6_port = htons(8472);
+        ASSERT_EQ(corvane_setsockopt(six, 41, IPV6_V6ONLY, &only, sizeof only), 0);
+        ASSERT_EQ(corvane_bind(six, reinterpret_cast<sockaddr *>(&any), sizeof any), 0);
+        send(counting(3));
+        EXPECT_EQ(select(six, only != 0 ? 100 : 1000), only != 0 ? 0 : 1);
+        corvane_close(six);
+    }
+    socket_ = corvane_socket(AF_INET, SOCK_DGRAM, 0);        // for the destructor
+}
+
 TEST_F(UdpStack, KeepsTheProcessLockWhileALotLasts)
 {
     for (std::size_t i = 0; i < 10; ++i)
