@@ -221,6 +221,19 @@ TEST_F(LumMainLoop, OffersMessagesToTheServiceManagerFirst)
     EXPECT_EQ(platform.messages_outstanding(), 0u);
 }
 
+TEST_F(LumMainLoop, ReleasesWhatTheDatabaseClientOrTheHaKitHasTakenAndLooksAtNoOpcode)
+{
+    platform.sdb_client_opcodes = {0x12345};
+    platform.ha_opcodes = {0x12346};
+    deliver(0x12345);
+    deliver(0x12346);
+    run();
+    EXPECT_THAT(platform.mbus_events, SizeIs(2));
+    EXPECT_THAT(platform.trace_texts(), ElementsAre("Draining MBUS lum_mbus_q\n"));
+    EXPECT_THAT(platform.syslog, IsEmpty());
+    EXPECT_EQ(platform.messages_dropped, 2u);
+}
+
 TEST_F(LumMainLoop, TriesAgainAfterAReceiveThatFailed)
 {
     deliver(0x13806);
@@ -229,6 +242,7 @@ TEST_F(LumMainLoop, TriesAgainAfterAReceiveThatFailed)
     run();
     EXPECT_EQ(platform.messages_dropped, 1u);
     EXPECT_EQ(platform.called("mbus_recv"), 4u);
+    EXPECT_EQ(platform.empty_drops, 0u);                     // of a receive that failed there is nothing to release
     EXPECT_THAT(platform.syslog, IsEmpty());
 }
 
