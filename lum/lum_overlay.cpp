@@ -99,6 +99,8 @@ int lum_create_or_init_overlay(std::uint32_t iod)
     lum_overlay *overlay = lum_get_overlay(iod);
     if (overlay == nullptr)
         overlay = lum_add_overlay(iod);
+    else
+        overlay->made_again = overlay->delete_holddown;
     if (overlay == nullptr) {
         LUM_LOG(OVLY_ADD);
         return 0;

@@ -46,6 +46,18 @@ void release_vlans(lum_overlay &overlay) LUM_LOCKED
     });
 }
 
+// What was configured for the record since its deletion was triggered goes to the one that takes its place.
+void release_vlans_taken_since(lum_overlay &overlay) LUM_LOCKED
+{
+    lum_walk_vlans(overlay, [&](std::uint32_t vlan) {
+        plock_assert_held();
+        if (lum_vlans[vlan].overlay != &overlay)
+            return;
+        lum_vlans[vlan].overlay = nullptr;
+        --overlay.vlan_refcount;
+    });
+}
+
 // Releases the message that waits for this overlay's deletion, once no other overlay waits on it.
 void release_held_message(lum_overlay &overlay) LUM_LOCKED
 {
@@ -105,6 +117,7 @@ int lum_trigger_overlay_delete(lum_overlay &overlay)
         LUM_TRACE_INTERNAL("Processing INTFMGR i/f delete, but IOD %lu is already invalid\n",
                            static_cast<unsigned long>(overlay.iod));
     overlay.delete_holddown = 1;
+    overlay.made_again = 0;
     lum_update_overlay_state(overlay);
     release_vlans(overlay);
     lum_sdb_update_overlay(overlay);
@@ -117,10 +130,17 @@ void lum_delete_overlay_complete(lum_overlay *overlay)
     if (overlay == nullptr || lum_sdb_delete_overlay(*overlay) == 0)
         return;
     release_held_message(*overlay);
+    const std::uint32_t iod = overlay->iod;
+    const bool has_successor = overlay->made_again != 0 && intfmgr_is_lum_tunnel(iod);
+    if (has_successor)
+        release_vlans_taken_since(*overlay);
     if (overlay->vlan_refcount != 0)
         LUM_LOG(OVLY_DEL, lum_overlay_display_name(overlay), "Refcount");
     else if (overlay->adj_count != 0)
         LUM_LOG(OVLY_DEL, lum_overlay_display_name(overlay), "Site-adj");
     else
         lum_destroy_overlay(&overlay);
+    // The held record never comes up again, but the interface is there and its configuration is replayed.
+    if (overlay == nullptr && has_successor)
+        lum_create_or_init_overlay(iod);
 }

@@ -104,6 +104,7 @@ struct lum_overlay {
     mbus_msg delete_msg;         // the held message that triggered the deletion, empty when none
     std::uint32_t notify_pending;
     std::uint32_t delete_holddown;
+    std::uint32_t made_again;    // its interface was, while the deletion waits: a new record takes this one's place
     std::uint32_t encap_type;    // lum_encap_type
     std::uint32_t encap_family;
     std::uint32_t ext_ipv4;      // host order

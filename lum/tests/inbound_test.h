@@ -6,7 +6,7 @@
 namespace lum_test {
 
 inline constexpr std::uint64_t ENCAP_BIT = std::uint64_t{1} << 42, L3_BIT = std::uint64_t{1} << 35;
-inline constexpr std::uint32_t DELETED = 78852, STATUS = 78853, PARAMETERS = 78854;
+inline constexpr std::uint32_t CREATED = 78851, DELETED = 78852, STATUS = 78853, PARAMETERS = 78854;
 
 class LumInbound : public LumTest {
 protected:

@@ -112,6 +112,83 @@ TEST_F(LumDeletionAcknowledgement, NeedsAPayloadOfOneWord)
     EXPECT_EQ(dropped(drop_reason::BUS_MALFORMED), 1u);
 }
 
+// An overlay whose interface is made again before its deletion is acknowledged.
+class LumOverlayMadeAgain : public LumInbound {
+protected:
+    LumOverlayMadeAgain() : overlay_(overlay())
+    {
+        remove({{OVERLAY, 0}});
+        held_ = last_;
+        platform.forget();
+    }
+    static int create() { return dispatch(0xF403, platform.changes({{OVERLAY, 0}})); }
+    lum_overlay &overlay_;
+    mbus_msg held_;
+};
+
+TEST_F(LumOverlayMadeAgain, IsReplacedByANewRecordWithItsConfiguration)
+{
+    EXPECT_EQ(create(), 0);
+    EXPECT_EQ(find(OVERLAY), &overlay_);
+    EXPECT_EQ(overlay_.reason, LUM_REASON_DELETE_HOLDDOWN);
+    platform.forget();
+    acknowledge(OVERLAY);
+    const lum_overlay *made = find(OVERLAY);
+    ASSERT_NE(made, nullptr);
+    EXPECT_EQ(made->reason, LUM_REASON_INCOMPLETE);
+    EXPECT_EQ(made->ext_if_count, 0u);
+    EXPECT_EQ(made->made_again, 0u);
+    EXPECT_THAT(platform.sent_with(CREATED), SizeIs(1));
+    EXPECT_THAT(platform.call_texts({"hakit_sdb_delete", "hakit_sdb_update", "cli_send_my_if_commands"}), SizeIs(3));
+    EXPECT_EQ(platform.calls.back().name, "cli_send_my_if_commands");
+    EXPECT_FALSE(platform.is_outstanding(held_));
+    EXPECT_THAT(platform.syslog, IsEmpty());
+}
+
+TEST_F(LumOverlayMadeAgain, GivesBackTheVlansThatItTookMeanwhile)
+{
+    create();
+    bitfield_set(*overlay_.vlans, 77);
+    vlan_entry(77).overlay = &overlay_;
+    ++overlay_.vlan_refcount;
+    lum_overlay &other = plain_overlay(OVERLAY2);
+    vlan_entry().overlay = &other;                           // once its own
+    acknowledge(OVERLAY);
+    EXPECT_EQ(lum_vlans[77].overlay, nullptr);
+    EXPECT_EQ(lum_vlans[VLAN].overlay, &other);
+    EXPECT_EQ(find(OVERLAY)->reason, LUM_REASON_INCOMPLETE);
+    EXPECT_THAT(platform.syslog, IsEmpty());
+    lum_vlans[VLAN].overlay = nullptr;
+}
+
+TEST_F(LumOverlayMadeAgain, IsGoneForGoodWhenItIsRemovedOnceMore)
+{
+    create();
+    remove({{OVERLAY, 0}});
+    acknowledge(OVERLAY);
+    EXPECT_EQ(find(OVERLAY), nullptr);
+}
+
+TEST_F(LumOverlayMadeAgain, IsGoneForGoodWhenItsInterfaceIsNoOverlayByThen)
+{
+    create();
+    platform.remove_interface(OVERLAY);
+    acknowledge(OVERLAY);
+    EXPECT_EQ(find(OVERLAY), nullptr);
+}
+
+TEST_F(LumOverlayMadeAgain, WaitsForItsSiteAdjacenciesLikeAnyOther)
+{
+    create();
+    lum_add_site_adj_internal(OVERLAY, {2, 0, 0, 0, 0, 1}, 0, 1);
+    acknowledge(OVERLAY);
+    EXPECT_EQ(find(OVERLAY), &overlay_);
+    EXPECT_THAT(platform.sent_with(CREATED), IsEmpty());
+    lum_delete_site_adj_internal(OVERLAY, {2, 0, 0, 0, 0, 1});
+    acknowledge(OVERLAY);
+    EXPECT_EQ(find(OVERLAY)->reason, LUM_REASON_INCOMPLETE);
+}
+
 class LumSendPacketRequest : public LumInbound {
 protected:
     LumSendPacketRequest()

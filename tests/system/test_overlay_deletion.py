@@ -199,19 +199,37 @@ class OverlayDeletion(TwoSites):
         self.wait_gone(7)
         self.assertEqual((self.said(refused), self.said(mismatch)), (1, before + 1))
 
-    def test_a_vlan_that_was_given_to_it_meanwhile_keeps_the_record_until_it_is_taken_back(self):
+    # ---- made again before it is gone
+
+    def test_an_overlay_that_is_made_again_while_it_is_held_comes_back_with_its_new_configuration(self):
         iod, = self.make(7)
+        self.edge.configure("interface Overlay7", "lum vpn-vlan 77")
         self.follower()
         self.remove(7)
         self.wait_held(7)
-        self.edge.configure("interface Overlay7", "lum vpn-vlan 77")
-        self.acknowledge(iod)
-        self.edge.wait_log("Failed to delete overlay name7: Refcount")
+        self.edge.configure("interface Overlay7", "lum vpn-name again", "lum vpn-ext-if eth0", "lum vpn-vlan 77,78",
+                            "lum vpn-mgroup-addr 239.7.7.7")
         self.assertEqual(self.state(7), "DOWN Delete Holddown")
-        self.edge.configure("interface Overlay7", "no lum vpn-vlan 77")
+        self.acknowledge(iod)
+        wait_until(lambda: self.state(7) == "UP None", 5, "it is up")
+        self.assertEqual(self.edge.overlay("Overlay7")["VPN Name"], "again")
+        self.assertEqual(self.record(iod), (UP, 0))
+        carried = [line.split() for line in self.edge.corvsh("show lum vlan").splitlines() if line.startswith("7")]
+        self.assertEqual([(row[0], "Overlay7" in row) for row in carried], [("77", True), ("78", True)], carried)
+        self.remove(7)
+        self.wait_held(7)
         self.acknowledge(iod)
         self.wait_gone(7)
+
+    def test_an_overlay_that_is_removed_and_made_in_one_go_is_there_each_time(self):
+        self.make(7)
+        for turn in range(10):
+            self.edge.configure("no interface Overlay7", "interface Overlay7", f"lum vpn-name turn{turn}",
+                                "lum vpn-ext-if eth0", "lum vpn-mgroup-addr 239.7.7.7", f"lum vpn-vlan {80 + turn}")
+            wait_until(lambda: self.state(7) == "UP None", 5, f"turn {turn}")
+            self.assertEqual(self.edge.overlay("Overlay7")["VPN Name"], f"turn{turn}")
         self.remove(7)
+        self.wait_gone(7)
 
 
 if __name__ == "__main__":
