@@ -238,9 +238,11 @@ void load_startup()
         report_load_error("cannot read " + path + ": " + error);
         return;
     }
-    read_configuration(text, [](const file_line &line) { take_line(line, line_state::UNTRIED); }, [&path](std::uint32_t number, const std::string &what) {
-        report_load_error(path + ":" + std::to_string(number) + ": " + what);
-    });
+    read_configuration(
+        text, [](const file_line &line) { take_line(line, line_state::UNTRIED); },
+        [&path](std::uint32_t number, const std::string &what) {
+            report_load_error(path + ":" + std::to_string(number) + ": " + what);
+        });
     log_line(5, "configuration " + path + ": " + std::to_string(cmdsrv().running.size()) + " lines, " +
                     std::to_string(cmdsrv().load_error_count) + " refused");
 }

@@ -16,7 +16,7 @@ std::size_t character_size(std::string_view text)
     const unsigned lead = byte(0);
     if (lead < 0x80)
         return 1;
-    const std::size_t size = lead >= 0xF0 && lead <= 0xF4 ? 4 : lead >= 0xE0 && lead < 0xF0 ? 3 : lead >= 0xC2 && lead < 0xE0 ? 2 : 0;
+    const std::size_t size = lead < 0xC2 || lead > 0xF4 ? 0 : lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
     if (size == 0 || text.size() < size)
         return 0;
     for (std::size_t i = 1; i < size; ++i)

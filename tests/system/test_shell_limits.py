@@ -116,9 +116,11 @@ class Budgets(unittest.TestCase):
     def fill_cache(self):
         host = self.top.host(1, 10)
         count = lambda: int(self.edge.corvsh("show lum arp-nd-cache | count")) - 2
-        sent = [frames.ethernet(frames.BROADCAST, mac, frames.ETH_ARP, frames.arp(1, mac, ip, "00:00:00:00:00:00", "10.0.0.1"))
-                for mac, ip in ((f"02:a0:00:{i >> 16:02x}:{i >> 8 & 255:02x}:{i & 255:02x}", f"10.{i >> 16}.{i >> 8 & 255}.{i & 255}")
-                                for i in range(65536, 65536 + ENTRIES))]
+        sent = []
+        for i in range(65536, 65536 + ENTRIES):
+            mac, ip = f"02:a0:00:{i >> 16:02x}:{i >> 8 & 255:02x}:{i & 255:02x}", f"10.{i >> 16}.{i >> 8 & 255}.{i & 255}"
+            asked = frames.arp(1, mac, ip, "00:00:00:00:00:00", "10.0.0.1")
+            sent.append(frames.ethernet(frames.BROADCAST, mac, frames.ETH_ARP, asked))
         with Sender(host.ns) as sender:
             for _ in range(20):                                  # a full ring drops some: they are sent again
                 for at in range(0, ENTRIES, 500):
