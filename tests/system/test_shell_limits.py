@@ -164,7 +164,7 @@ class Budgets(unittest.TestCase):
                 took = time.monotonic() - began
                 longest, waited_for = struct.unpack("=QQ", page[0:16])
                 self.assertGreaterEqual(lines, ENTRIES)
-                self.assertGreater(waited_for, 50)               # somebody waited: the measurement means something
+                self.assertGreater(waited_for, 5)                # somebody waited: the measurement means something
                 results.append((took, longest / 1e6))
                 if took < 1 and longest < 2e6:
                     break
