@@ -92,7 +92,7 @@ answer update(const peer &from, byte_view request)
     if (!in.ok() || count > RTAB_UPDATE_ELEMENTS_MAX || elements.size() != count * RTAB_UPDATE_STRIDE)
         return {EINVAL, {}};
     const std::uint64_t data_ns = now_ns() + std::uint64_t{RTAB_DATA_LEAD_S} * 1'000'000'000;
-    const rtab_caller caller{from.service, data_ns, [](std::uint32_t iod) { return intfmgr_exists(iod); }};
+    const rtab_caller caller{from.service, data_ns, intfmgr_exists, intfmgr_up};
     const std::uint32_t refused = rtab_apply(*service.table, caller, header, elements, count);
     return {0, byte_writer().put(refused).take()};
 }

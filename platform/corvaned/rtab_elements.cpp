@@ -97,16 +97,29 @@ result apply_plain(rtab_table &table, const rtab_caller &caller, const element &
     }
 }
 
+// Whoever adds a next hop names the others again, also those whose interface is down: flows that fall on one of them
+// would be lost while there is another way. Re-resolution adds them when their interface comes up.
+void leave_out_those_down(std::vector<rtab_addr> &nexthops, const rtab_caller &caller)
+{
+    const auto is_down = [&](const rtab_addr &nexthop) {
+        const bool by_interface = nexthop.kind == 1 || (nexthop.kind == 6 && iod_of(nexthop) != 0);
+        return by_interface && !caller.interface_up(iod_of(nexthop));
+    };
+    if (!std::ranges::all_of(nexthops, is_down))
+        std::erase_if(nexthops, is_down);
+}
+
 // The next hops of one unicast route, which an add replaces.
-std::uint32_t replace_nexthops(rtab_table &table, std::uint32_t owner, const std::vector<element> &elements)
+std::uint32_t replace_nexthops(rtab_table &table, const rtab_caller &caller, const std::vector<element> &elements)
 {
     std::vector<rtab_addr> nexthops;
     for (const element &e : elements)
         if (e.has_nexthop && e.key == elements.front().key)
             nexthops.push_back(e.nexthop);
-    const bool done = table.replace(owner, elements.front().key, nexthops) == result::DONE;
-    return done ? static_cast<std::uint32_t>(elements.size() - nexthops.size())
-                : static_cast<std::uint32_t>(elements.size());
+    const std::size_t meant = nexthops.size();
+    leave_out_those_down(nexthops, caller);
+    const bool done = table.replace(caller.owner, elements.front().key, nexthops) == result::DONE;
+    return static_cast<std::uint32_t>(done ? elements.size() - meant : elements.size());
 }
 
 result apply_to_source(rtab_table &table, const rtab_source_key &source, const element &e)
@@ -116,11 +129,13 @@ result apply_to_source(rtab_table &table, const rtab_source_key &source, const e
     return e.has_nexthop ? table.leave_group(source, iod_of(e.nexthop)) : table.withdraw_group(source);
 }
 
-std::uint32_t apply_built(rtab_table &table, std::uint32_t owner, byte_view header, const std::vector<element> &elements)
+std::uint32_t apply_built(rtab_table &table, const rtab_caller &caller, byte_view header,
+                          const std::vector<element> &elements)
 {
+    const std::uint32_t owner = caller.owner;
     const bool of_ip = value_at<std::uint32_t>(header, RTAB_HEADER_KIND) == RTAB_KIND_IP;
     if (!of_ip && !rtab_is_group(elements.front().key) && elements.front().operation == RTAB_OPERATION_ADD)
-        return replace_nexthops(table, owner, elements);
+        return replace_nexthops(table, caller, elements);
     const auto source = value_at<std::uint32_t>(header, RTAB_HEADER_SOURCE);
     const auto group = value_at<std::uint32_t>(header, RTAB_HEADER_GROUP);
     std::uint32_t refused = 0;
@@ -178,7 +193,7 @@ std::uint32_t rtab_apply(rtab_table &table, const rtab_caller &caller, byte_view
         else
             refused += apply_plain(table, caller, e) == result::DONE ? 0 : 1;
     }
-    return route.empty() ? refused : refused + apply_built(table, caller.owner, header, route);
+    return route.empty() ? refused : refused + apply_built(table, caller, header, route);
 }
 
 } // namespace corvaned

@@ -13,7 +13,7 @@ namespace corvaned {
 struct rtab_caller {
     std::uint32_t owner = 0;                                 // service number
     std::uint64_t now_ns = 0;
-    std::function<bool(std::uint32_t iod)> interface_exists;
+    std::function<bool(std::uint32_t iod)> interface_exists, interface_up;
 };
 
 // Applies `count` elements at a stride of 52 bytes; what lies in `elements` beyond them is not looked at. Returns how

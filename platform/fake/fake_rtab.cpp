@@ -267,6 +267,22 @@ void apply_built_ip(const route_update &update)
     }
 }
 
+bool leads_over_one_that_is_down(const route_nexthop &n)
+{
+    const std::uint32_t iod = word(n.address, 0);
+    return (n.address.kind == KIND_IOD || (n.address.kind == KIND_NEXT_HOP && iod != 0)) && !intfmgr_is_if_up(iod);
+}
+
+// Of several next hops those over an interface that is down are left out until re-resolution names them.
+void leave_out_those_down(const rtab_mac_info &key)
+{
+    route_entry *r = find(key);
+    if (r == nullptr || std::ranges::all_of(r->fixed, leads_over_one_that_is_down))
+        return;
+    std::erase_if(r->fixed, leads_over_one_that_is_down);
+    settle(*r);
+}
+
 void apply_built_mac(const route_update &update)
 {
     bool first = true;
@@ -281,6 +297,9 @@ void apply_built_mac(const route_update &update)
         operator_add(e);
         first = false;
     }
+    const element e = update.count != 0 ? parse(update.element(0)) : element{};
+    if (e.operation == corvane::RTAB_OPERATION_ADD && !is_group(e.key))
+        leave_out_those_down(e.key);
 }
 
 // False when nothing of it was taken.

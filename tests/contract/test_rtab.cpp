@@ -274,10 +274,10 @@ TEST_F(ContractRoutes, SaysWhetherARouteHasANextHop)
 
 TEST_F(ContractRoutes, ReResolutionMakesNextHopsPresentAndAbsent)
 {
-    built(HOST, 1, {interface(A), edge(9)});
+    built(HOST, 1, {interface(A), edge(9, iod(OVERLAY))});
     resolve(HOST, interface(A), false);
     ASSERT_EQ(nexthops(HOST).size(), 1u);
-    EXPECT_TRUE(same(nexthops(HOST)[0], edge(9)));
+    EXPECT_TRUE(same(nexthops(HOST)[0], edge(9, iod(OVERLAY))));
     resolve(HOST, interface(A), true);
     EXPECT_EQ(nexthops(HOST).size(), 2u);
     resolve(OTHER, interface(B), true);
@@ -308,6 +308,16 @@ TEST_F(ContractRoutes, ABuiltAddReplacesTheOperatorsNextHopsAndKeepsTheLearntOne
     ASSERT_EQ(nexthops(HOST).size(), 1u);
     built(HOST, 0, {edge(2)});
     EXPECT_THAT(iods(HOST), ElementsAre(B));
+}
+
+TEST_F(ContractRoutes, ABuiltAddLeavesOutNextHopsWithoutAnInterfaceUnlessThereAreNoOthers)
+{
+    constexpr std::uint32_t GONE = 700;                      // no interface has it
+    EXPECT_NE(built(HOST, 1, {interface(GONE), edge(9, iod(OVERLAY)), edge(8, GONE)}), 0);
+    ASSERT_EQ(nexthops(HOST).size(), 1u);
+    EXPECT_TRUE(same(nexthops(HOST)[0], edge(9, iod(OVERLAY))));
+    EXPECT_NE(built(HOST, 1, {interface(GONE)}), 0);
+    EXPECT_THAT(iods(HOST), ElementsAre(GONE));
 }
 
 // ---- multicast

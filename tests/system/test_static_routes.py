@@ -145,6 +145,17 @@ class StaticRoutes(TwoSites):
         self.edge.configure(f"no {remote}")
         self.assertEqual(self.next_hops(), [all_of_them[2], all_of_them[1]])
 
+    def test_a_next_hop_that_is_down_gets_no_flows_when_another_is_added(self):
+        witness = "02:00:00:00:0e:02"                        # shows when the port is known to be down
+        self.configure(f"lum route 10/{witness} interface {self.host.port}")
+        self.edge.ns.link_down(self.host.port)
+        self.wait_next_hops(mac=witness)
+        self.configure(f"lum route 10/{TARGET} interface {self.host.port}", f"lum route 10/{TARGET} interface late9",
+                       f"lum route 10/{TARGET} interface Overlay1 next-hop {EDGES[0]}")
+        self.assertEqual(self.next_hops(), [f"{EDGES[0]} Overlay1"])
+        self.edge.ns.link_up(self.host.port)
+        self.wait_next_hops(f"{EDGES[0]} Overlay1", self.host.port)
+
     # ---- several next hops
 
     def spread(self, pairs):

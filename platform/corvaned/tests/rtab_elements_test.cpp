@@ -5,6 +5,8 @@
 
 #include "../../wire/rtab_update.h"
 
+#include <set>
+
 using corvane::byte_view;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -69,7 +71,8 @@ protected:
     }
     rtab_caller caller(std::uint32_t owner)
     {
-        return {owner, now, [this](std::uint32_t iod) { return gone_iod != iod; }};
+        const auto exists = [this](std::uint32_t iod) { return gone_iod != iod; };
+        return {owner, now, exists, [=, this](std::uint32_t iod) { return exists(iod) && down_iods.count(iod) == 0; }};
     }
 
     static fields learnt(const rtab_mac_info &key, std::uint32_t iod) { return {key, 0, 1, by_iod(iod), 11}; }
@@ -85,6 +88,7 @@ protected:
     static void begin() { handed_over.clear(); }
 
     std::uint32_t gone_iod = 0;
+    std::set<std::uint32_t> down_iods;
     std::uint8_t buffer[572] = {};
     rtab_update update;
 };
@@ -211,6 +215,29 @@ TEST_F(RtabUpdate, BuiltAddReplacesTheOperatorsNextHopsOfAUnicastMac)
     EXPECT_THAT(nexthops(10, 1), ElementsAre(LeadsTo(by_ip(3, 1)), LeadsTo(by_ip(3, 2)), LeadsTo(by_ip(3, 3)),
                                              LeadsTo(by_ip(3, 4))));
     EXPECT_EQ(table.withdraw_learnt(LUM, key(10, 1)), result::DONE);
+}
+
+TEST_F(RtabUpdate, BuiltAddLeavesOutNextHopsWhoseInterfaceIsDownOrGoneWhileThereAreOthers)
+{
+    down_iods = {4};
+    gone_iod = 6;
+    const auto add = [&](std::initializer_list<rtab_addr> nexthops) {
+        begin();
+        ASSERT_TRUE(rtab_begin_route_update(update, buffer, sizeof buffer));
+        ASSERT_TRUE(rtab_add_mac_to_buffer(update, mac(10, 1), 0, 1, 1));
+        for (const rtab_addr &nexthop : nexthops)
+            ASSERT_TRUE(rtab_add_nexthop_to_route(update, nexthop));
+        ASSERT_NE(rtab_end_route_update(update, 0), 0);
+        EXPECT_EQ(apply_built(), 0u);
+    };
+    add({by_iod(4), by_ip(4, 1), by_ip(6, 1), by_ip(0, 2), by_iod(3), by_ip(5, 1)});
+    EXPECT_THAT(nexthops(10, 1), ElementsAre(LeadsTo(by_ip(0, 2)), LeadsTo(by_iod(3)), LeadsTo(by_ip(5, 1))));
+    add({by_iod(4), by_ip(6, 1)});
+    EXPECT_THAT(nexthops(10, 1), ElementsAre(LeadsTo(by_iod(4)), LeadsTo(by_ip(6, 1))));
+
+    add({by_iod(4), by_iod(3)});
+    EXPECT_EQ(apply({resolved(mac(10, 1), by_iod(4), true)}), 0u);
+    EXPECT_THAT(nexthops(10, 1), ElementsAre(LeadsTo(by_iod(3)), LeadsTo(by_iod(4))));
 }
 
 TEST_F(RtabUpdate, BuiltDeleteWithdrawsTheNextHopsGiven)
