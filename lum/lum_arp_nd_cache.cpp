@@ -12,6 +12,9 @@ pt_tree lum_interface_pt;
 std::array<lum_addr, LUM_ANYCAST_ADDRS> lum_anycast_arp_addrs;
 std::uint32_t lum_any_anycast_arp_addrs;
 
+// What the caps of the memory accounting count in.
+static_assert(sizeof(lum_arp_nd_entry) == 48 && sizeof(lum_port) == 12);
+
 namespace {
 
 template <class Record> Record *allocate(lum_mem_type_t type)
