@@ -164,10 +164,12 @@ class Budgets(unittest.TestCase):
                 took = time.monotonic() - began
                 longest, waited_for = struct.unpack("=QQ", page[0:16])
                 self.assertGreaterEqual(lines, ENTRIES)
-                self.assertGreater(waited_for, 5)                # somebody waited: the measurement means something
+                if waited_for <= 5:                              # too few waited: how long holds were is not known
+                    continue
                 results.append((took, longest / 1e6))
                 if took < 1 and longest < 2e6:
                     break
+        self.assertTrue(results, "nobody waited for the lock")
         took, held = results[-1]
         print(f"  {ENTRIES} entries: {took:.2f} s, longest hold {held:.2f} ms, at attempt {len(results)}")
         self.assertLess(min(took for took, _ in results), 1 * self.patience)
