@@ -50,6 +50,12 @@ TEST_F(LumHa, RecoversFiveServicesInTheirOrderAndReportsRecoveryDone)
     EXPECT_EQ(platform.trace_texts().front(), "Received switchover message from svcmgr\n");
 }
 
+TEST_F(LumHa, GivesTheKitTheResultOfItsRecovery)
+{
+    platform.fail("hakit_ha_recovery_done", 1, EBUSY);
+    EXPECT_EQ(lum_switchover(), EBUSY);
+}
+
 TEST_F(LumHa, BringsIgmpUpOnlyWithTheQueryAfterTheSwitchover)
 {
     lum_switchover();

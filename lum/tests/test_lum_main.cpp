@@ -69,21 +69,71 @@ TEST_F(LumProcessMain, StartsInItsFixedOrderAndEndsInOrder)
                                                      "<<%LUM-6-SHUTDOWN>> Shutting down LUM process done"));
 }
 
+// How many bytes of a key a tree with these attributes compares.
+std::size_t key_bytes(pt_attr attr)
+{
+    pt_tree tree{};
+    pt_init(tree, attr);
+    std::array<std::uint8_t, 64> key{};
+    int record = 0;
+    EXPECT_TRUE(pt_insert(tree, key.data(), &record));
+    std::size_t length = 0;
+    for (; length < key.size(); ++length) {
+        key.fill(0);
+        key[length] = 1;
+        if (pt_find(tree, key.data()) != nullptr)
+            break;
+    }
+    pt_destroy(tree);
+    return length;
+}
+
 TEST_F(LumProcessMain, FillsItsTablesBeforeTheMainThreadRuns)
 {
     platform.now = {2000, 999'999'999};
+    lum_svr.site_vlan = 9;
     EXPECT_EQ(run(), 0);
     EXPECT_EQ(lum_chassis_ferrix, 1u);
     EXPECT_EQ(lum_sup_state_active, 1u);
     EXPECT_EQ(lum_ip_encap[0], 0x45);
-    EXPECT_NE(lum_pt_attr, 0u);
-    EXPECT_NE(lum_svr.pt_attr10, 0u);
-    EXPECT_NE(lum_svr.pt_attr4, 0u);
-    EXPECT_NE(lum_svr.pt_attr16, 0u);
+    EXPECT_EQ(key_bytes(lum_pt_attr), 4u);
+    EXPECT_EQ(key_bytes(lum_svr.pt_attr10), 10u);
+    EXPECT_EQ(key_bytes(lum_svr.pt_attr4), 4u);
+    EXPECT_EQ(key_bytes(lum_svr.pt_attr16), 16u);
+    EXPECT_EQ(lum_svr.site_vlan, 0u);
     EXPECT_EQ(lum_next_age_time, (timestamp{2120, 999'999'999}));
     EXPECT_EQ(platform.ha_params.switchover, &lum_switchover);
     EXPECT_EQ(platform.ha_params.switchover_done, &lum_switchover_done);
     EXPECT_NE(lum_sdb_handle, 0u);
+}
+
+TEST_F(LumProcessMain, CarriesTheNanosecondsOfTheAgeingTimeIntoItsSeconds)
+{
+    platform.now = {2000, 1'000'000'500};
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(lum_next_age_time, (timestamp{2121, 500}));
+}
+
+TEST_F(LumProcessMain, BindsAMainQueueOf1024Messages)
+{
+    EXPECT_TRUE(lum_init_mbus());
+    for (int message = 0; message < 1024; ++message)
+        platform.deliver(442, 0x13806);
+    EXPECT_THROW(platform.deliver(442, 0x13806), std::logic_error);
+}
+
+TEST_F(LumProcessMain, KnowsItsMainThreadFromItsStartToItsEnd)
+{
+    plock_assert_held();
+    platform.threads_run = false;
+    EXPECT_TRUE(lum_init());
+    EXPECT_EQ(lum_ipc_thread_exists, 1u);
+    reset_daemon();
+    platform.reset();
+    platform.threads_run = true;
+    platform.joined_by_process = {"lum-ipc-thread"};
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(lum_ipc_thread_exists, 0u);
 }
 
 TEST_F(LumProcessMain, HoldsTheLockWhileItInitialisesAndGivesItUpForTheJoin)
@@ -222,7 +272,7 @@ TEST_F(LumProcessMain, CleansUpAndEndsWithStatus255WhenAStepFails)
                                          "<<%LUM-6-SHUTDOWN>> Shutting down LUM process done"});
         EXPECT_EQ(platform.syslog_texts(), expected);
         EXPECT_EQ(platform.queue_of(442), MBUS_Q_INVALID);
-        EXPECT_TRUE(platform.lock_held());                   // by this test, as before the run
+        EXPECT_EQ(platform.called("plock_release_process_lock"), platform.called("plock_acquire_process_lock"));
     }
 }
 

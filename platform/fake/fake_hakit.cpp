@@ -121,7 +121,7 @@ int hakit_ha_dispatch(mbus_msg &msg) { return platform.ha_opcodes.contains(mbus_
 int hakit_ha_recovery_done(std::uint32_t status)
 {
     note("hakit_ha_recovery_done", status);
-    return 0;
+    return refuse("hakit_ha_recovery_done") ? errno : 0;
 }
 
 void hakit_ha_disable_all()
