@@ -6,6 +6,7 @@
 #include "runtime/connection.h"
 #include "mbus_local.h"
 #include "mbus_observe.h"
+#include "service_retry.h"
 #include "plock_batch.h"
 
 #include "../wire/bus.h"
@@ -343,6 +344,44 @@ mbus_q next_handle(queue &q)
     return (++q.uses & 0x0FFFFFu) << INDEX_BITS | index;
 }
 
+mbus_q bind(std::uint32_t sap, const mbus_q_attr &attr, const char *name)
+{
+    // Waited for outside the mutex, which the connection's own thread takes to bind the other queues again.
+    if (!connection_ensure()) {
+        errno = ENOTCONN;
+        return MBUS_Q_INVALID;
+    }
+    const std::lock_guard guard(the().mutex);
+    queue *q = free_queue();
+    if (q == nullptr) {
+        errno = EMFILE;
+        return MBUS_Q_INVALID;
+    }
+    if (q->wake_fd < 0)
+        q->wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (q->wake_fd < 0)
+        return MBUS_Q_INVALID;
+    q->sap = sap;
+    q->attr = attr;
+    if (q->attr.service == 0)
+        q->attr.service = connection_service();
+    q->name = std::string(name).substr(0, BUS_NAME_MAX);
+    q->options.clear();
+    q->consumed = 0;
+    q->pre_unbind = false;
+    q->handle = next_handle(*q);
+    const reply answer = bind_at_corvaned(*q, 0);
+    byte_reader in(answer.data);
+    const auto bound = in.get<std::uint32_t>();
+    if (answer.error != 0 || !in.done()) {
+        q->handle = MBUS_Q_INVALID;
+        errno = answer.error != 0 ? answer.error : EPROTO;
+        return MBUS_Q_INVALID;
+    }
+    q->sap = bound;
+    return q->handle;
+}
+
 } // namespace
 
 namespace corvane {
@@ -374,38 +413,14 @@ mbus_q mbus_bind(std::uint32_t version, std::uint32_t sap, const mbus_q_attr &at
         errno = EINVAL;
         return MBUS_Q_INVALID;
     }
-    const std::lock_guard guard(the().mutex);
-    start_once();
-    queue *q = free_queue();
-    if (q == nullptr) {
-        errno = EMFILE;
-        return MBUS_Q_INVALID;
+    {
+        const std::lock_guard guard(the().mutex);
+        start_once();
     }
-    if (q->wake_fd < 0)
-        q->wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    q->sap = sap;
-    q->attr = attr;
-    if (q->attr.service == 0)
-        q->attr.service = connection_service();
-    q->name = std::string(name).substr(0, BUS_NAME_MAX);
-    q->options.clear();
-    q->consumed = 0;
-    q->pre_unbind = false;
-    if (!connection_ensure()) {
-        errno = ENOTCONN;
-        return MBUS_Q_INVALID;
-    }
-    q->handle = next_handle(*q);
-    const reply answer = bind_at_corvaned(*q, 0);
-    byte_reader in(answer.data);
-    const auto bound = in.get<std::uint32_t>();
-    if (answer.error != 0 || !in.done()) {
-        q->handle = MBUS_Q_INVALID;
-        errno = answer.error != 0 ? answer.error : EPROTO;
-        return MBUS_Q_INVALID;
-    }
-    q->sap = bound;
-    return q->handle;
+    const mbus_q bound = bind(sap, attr, name);
+    if (bound == MBUS_Q_INVALID)
+        part_failed();
+    return bound;
 }
 
 int mbus_unbind(mbus_q handle, std::uint32_t)

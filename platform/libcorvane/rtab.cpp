@@ -11,6 +11,8 @@
 #include <atomic>
 #include <ctime>
 #include <mutex>
+#include <utility>
+#include <vector>
 
 using namespace corvane;
 
@@ -22,6 +24,15 @@ std::atomic<std::uint32_t> own_service{0};
 
 std::mutex open_mutex;
 std::uint32_t open_count = 0;                                // the test command opens a second time
+
+// Updates of a client whose opening failed: it opens again later, and its owner does not say twice what the operator
+// configured meanwhile. Guarded by the open mutex.
+struct kept_update {
+    std::vector<std::uint8_t> header, elements;
+};
+constexpr std::size_t KEPT_MAX = 65536;
+bool opening_failed = false;
+std::vector<kept_update> kept;
 
 struct group_answer {
     std::uint64_t words[RTAB_OIF_WORDS] = {};
@@ -67,20 +78,46 @@ bool send(byte_view header, byte_view elements)
     return byte_reader(answer.data).get<std::uint32_t>() < count;
 }
 
+bool send_all(byte_view header, byte_view elements)
+{
+    bool taken = true;
+    while (!elements.empty()) {
+        const std::size_t share = std::min(elements.size(), RTAB_UPDATE_ELEMENTS_MAX * RTAB_UPDATE_STRIDE);
+        taken = send(header, elements.first(share)) && taken;
+        elements = elements.subspan(share);
+    }
+    return taken;
+}
+
+bool keep(byte_view header, byte_view elements)
+{
+    const std::lock_guard guard(open_mutex);
+    if (!opening_failed || kept.size() == KEPT_MAX)
+        return false;
+    kept.push_back({{header.begin(), header.end()}, {elements.begin(), elements.end()}});
+    return true;
+}
+
 } // namespace
 
 bool rtab_api_init(mbus_q /*queue*/, const char *name, std::uint32_t flags)
 {
     const reply answer = call(RTAB_OPEN, byte_writer().put(flags).text(name == nullptr ? "" : name).view());
     const auto *shared = static_cast<const rtab_shared *>(map_shared(RTAB_SHM, sizeof(rtab_shared), false));
+    std::unique_lock lock(open_mutex);
     if (answer.error != 0 || shared == nullptr) {
+        opening_failed = open_count == 0;
         service_failed(SVC_RTAB);
         return false;
     }
-    const std::lock_guard guard(open_mutex);
     ++open_count;
+    opening_failed = false;
     own_service.store(byte_reader(answer.data).get<std::uint32_t>());
     table.store(shared, std::memory_order_release);
+    const auto updates = std::exchange(kept, {});
+    lock.unlock();
+    for (const kept_update &update : updates)
+        (void)send_all(update.header, update.elements);
     return true;
 }
 
@@ -159,16 +196,11 @@ timestamp rtab_get_route_timestamp(const rtab_route &route)
 // The length argument is some clients' 4 bytes too long and others' too short; the count says what there is.
 int rtab_update_route(const void *buffer, std::uint16_t count, std::uint32_t /*length*/, std::uint32_t /*flags*/)
 {
-    if (buffer == nullptr || count == 0 || table.load() == nullptr)
+    if (buffer == nullptr || count == 0)
         return 0;
     const auto *bytes = static_cast<const std::uint8_t *>(buffer);
     const byte_view header{bytes, RTAB_UPDATE_HEADER};
-    byte_view elements{bytes + RTAB_UPDATE_HEADER, count * RTAB_UPDATE_STRIDE};
-    bool taken = true;
-    while (!elements.empty()) {
-        const std::size_t share = std::min(elements.size(), RTAB_UPDATE_ELEMENTS_MAX * RTAB_UPDATE_STRIDE);
-        taken = send(header, elements.first(share)) && taken;
-        elements = elements.subspan(share);
-    }
+    const byte_view elements{bytes + RTAB_UPDATE_HEADER, count * RTAB_UPDATE_STRIDE};
+    const bool taken = table.load() == nullptr ? keep(header, elements) : send_all(header, elements);
     return taken ? 1 : 0;
 }

@@ -28,7 +28,25 @@ attempts &the()
     return instance;
 }
 
+thread_local std::uint32_t set_up_here = 0;
+
 } // namespace
+
+service_set_up::service_set_up(std::uint32_t service)
+{
+    set_up_here = service;
+}
+
+service_set_up::~service_set_up()
+{
+    set_up_here = 0;
+}
+
+void part_failed()
+{
+    if (set_up_here != 0)
+        service_failed(set_up_here);
+}
 
 void service_failed(std::uint32_t service)
 {

@@ -30,7 +30,8 @@ constexpr std::uint32_t ACTIVE = 1, HEARTBEAT_DEFAULT_MS = 1000;
 struct svcmgr_client {
     std::mutex mutex;
     mbus_q queue = MBUS_Q_INVALID;
-    std::uint32_t service = 0;                          // 0: no handshake yet
+    std::uint32_t service = 0;                          // 0: no handshake yet; else what to introduce this process as
+    bool done = false;                                  // a handshake was answered
     std::map<std::uint32_t, std::uint32_t> known;       // service: state as this process last heard it, 0 = asked
     bool hooked = false;
 };
@@ -75,6 +76,9 @@ void introduce_again()
     lock.unlock();
     if (service == 0 || !send_handshake(queue, service))
         return;
+    lock.lock();
+    the().done = true;
+    lock.unlock();
     for (const auto &[number, state] : known)
         send_query(number, state);
 }
@@ -92,6 +96,7 @@ int take_state(byte_reader in)
     if (!in.done())
         return KEPT_OR_DONE;
     note(notification.service, state);
+    const service_set_up scope(notification.service);
     return svcmgrcb_process_state_changed(&notification, state);
 }
 
@@ -104,6 +109,7 @@ int take_query_answer(byte_reader in)
     if (!in.done())
         return KEPT_OR_DONE;
     note(service, done != 0 ? SVCMGR_STATE_UP : SVCMGR_STATE_DOWN);
+    const service_set_up scope(service);
     return svcmgrcb_srv_hs_state_query(client, service, flags, done);
 }
 
@@ -138,20 +144,21 @@ bool svcmgr_handshake(mbus_q queue, std::uint32_t service)
         if (!the().hooked)
             on_connected_at(connect_stage::SERVICES, introduce_again);
         the().hooked = true;
+        // Known before it is answered: a handshake whose answer is lost is made again with the next connection.
+        the().queue = queue;
+        the().service = service;
     }
     connection_service_set(service);
-    if (!send_handshake(queue, service))
-        return false;
+    const bool answered = send_handshake(queue, service);
     const std::lock_guard guard(the().mutex);
-    the().queue = queue;
-    the().service = service;
-    return true;
+    the().done |= answered;
+    return answered;
 }
 
 bool svcmgr_conditional_srv_was_handshake_done()
 {
     const std::lock_guard guard(the().mutex);
-    return the().service != 0;
+    return the().done;
 }
 
 bool svcmgr_condition_verified(std::uint32_t, std::uint32_t)

@@ -163,7 +163,7 @@ net_l2_handle net_l2_register(const net_l2_registration &wanted)
     if (r.handle != 0)
         return 0;
     auto source = std::make_unique<frame_source>();
-    if (!source->ready() || !mbus_local_attach(wanted.queue, source.get())) {
+    if (!overlays_follow() || !source->ready() || !mbus_local_attach(wanted.queue, source.get())) {
         service_failed(SVC_PKTMGR);
         return 0;
     }
@@ -171,7 +171,6 @@ net_l2_handle net_l2_register(const net_l2_registration &wanted)
     r.source = std::move(source);
     r.queue = wanted.queue;
     r.handle = ++r.last_handle;
-    overlays_follow();
     net_monitor_start();
     return r.handle;
 }

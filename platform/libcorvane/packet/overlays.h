@@ -18,8 +18,8 @@ struct overlay_config {
     bool up = false;
 };
 
-// Begins to follow, once; the queue is bound when this returns. Without the bus it tries again when asked next.
-void overlays_follow();
+// Begins to follow, once; the queue is bound when this returns true. Without the bus it tries again when asked next.
+[[nodiscard]] bool overlays_follow();
 
 // Any thread. False: not an overlay with parameters.
 [[nodiscard]] bool overlay_get(std::uint32_t iod, overlay_config &out);

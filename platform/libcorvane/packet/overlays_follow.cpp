@@ -179,17 +179,19 @@ bool start()
     const mbus_q bound = mbus_bind(1, 0, mbus_q_attr{}, "packet-overlays");
     if (bound == MBUS_Q_INVALID)
         return false;
-    queue = bound;
     for (const std::uint32_t opcode : {OPCODE_PARAMETERS, OPCODE_VLANS, INTFMGR_OPC_L2_STATE})
         if (mbus_options_set(bound, opcode, OPTION_SUBSCRIBE) != 0) {
             (void)mbus_unbind(bound, 0);
             return false;
         }
+    queue = bound;
     missed = true;
     authority_watch_messages();
     pthread_t thread{};
-    if (corvane_pthread_create(thread, nullptr, follow, nullptr, "corvane-l2") != 0)
+    if (corvane_pthread_create(thread, nullptr, follow, nullptr, "corvane-l2") != 0) {
+        (void)mbus_unbind(bound, 0);
         return false;
+    }
     pthread_detach(thread);
     on_connected([] { missed = true; });
     return true;
@@ -197,12 +199,13 @@ bool start()
 
 } // namespace
 
-void overlays_follow()
+bool overlays_follow()
 {
     static std::mutex mutex;
     static bool started = false;
     const std::scoped_lock guard(mutex);
     started = started || start();
+    return started;
 }
 
 } // namespace corvane

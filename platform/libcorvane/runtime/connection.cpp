@@ -39,6 +39,7 @@ struct pending_call {
 struct connection {
     std::mutex socket_mutex;              // guards the life of `fd` only; one send is one packet
     int fd = -1;
+    bool open = false;                    // greeted and introduced: threads other than its own may send
 
     std::mutex mutex;
     std::condition_variable changed;
@@ -93,7 +94,8 @@ int send_now(const iovec *pieces, std::size_t count)
     message.msg_iov = const_cast<iovec *>(pieces);
     message.msg_iovlen = count;
     const std::lock_guard guard(the().socket_mutex);
-    if (the().fd < 0)
+    // A thread that believed in the connection before this one must not be heard ahead of the greeting.
+    if (the().fd < 0 || (!the().open && !on_connection_thread))
         return ENOTCONN;
     if (sendmsg(the().fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
         return 0;
@@ -254,6 +256,13 @@ void set_socket(int fd)
     if (the().fd >= 0)
         close(the().fd);
     the().fd = fd;
+    the().open = false;
+}
+
+void open_to_all()
+{
+    const std::lock_guard guard(the().socket_mutex);
+    the().open = true;
 }
 
 std::vector<void (*)()> hooks_of(std::vector<void (*)()> &list)
@@ -282,6 +291,7 @@ bool connect_once()
     }
     set_state(link_state::GREETED);
     run_connected_hooks();
+    open_to_all();
     set_state(link_state::UP);
     return true;
 }

@@ -1,6 +1,8 @@
 // Named threads.
 #include "corvane_thread.h"
 
+#include "../service_retry.h"
+
 #include <cstdio>
 #include <csignal>
 #include <memory>
@@ -42,5 +44,7 @@ int corvane_pthread_create(pthread_t &thread, const corvane_pthread_attr *attr, 
     pthread_attr_destroy(&native);
     if (result == 0)
         start.release();       // the thread owns it now
+    else
+        corvane::part_failed();
     return result;
 }

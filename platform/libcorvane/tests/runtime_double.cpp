@@ -136,7 +136,7 @@ answer corvaned_double::answer_to(const request &r)
 void corvaned_double::serve(int fd)
 {
     std::vector<std::uint8_t> packet(corvane::FRAME_MAX);
-    for (;;) {
+    for (bool first = true;; first = false) {
         const ssize_t size = recv(fd, packet.data(), packet.size(), 0);
         if (size <= 0)
             return;
@@ -151,6 +151,8 @@ void corvaned_double::serve(int fd)
                 byte_writer().put(corvane::frame_header{corvane::FRAME_REPLY, a.error, header.id}).raw(a.data).take();
             ::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
         }
+        connections_ += first ? 1u : 0u;
+        ungreeted_ += first && header.kind != corvane::FRAME_HELLO ? 1u : 0u;
         greeted_ = greeted_ || header.kind == corvane::FRAME_HELLO;
         if (header.kind != corvane::FRAME_HELLO)
             requests_.push_back(std::move(r));
@@ -205,6 +207,18 @@ void corvaned_double::await_connection()
 {
     std::unique_lock lock(mutex_);
     changed_.wait_for(lock, PATIENCE, [&] { return greeted_; });
+}
+
+std::size_t corvaned_double::connections()
+{
+    const std::lock_guard guard(mutex_);
+    return connections_;
+}
+
+std::size_t corvaned_double::ungreeted()
+{
+    const std::lock_guard guard(mutex_);
+    return ungreeted_;
 }
 
 void corvaned_double::send(std::uint32_t kind, std::uint32_t number, byte_view body)

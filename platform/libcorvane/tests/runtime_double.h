@@ -45,6 +45,8 @@ public:
     std::vector<request> all();
     std::size_t count(std::uint32_t method);
     void await_connection();
+    std::size_t connections();               // so far, and those of them whose first frame was no greeting
+    std::size_t ungreeted();
 
     void deliver(std::uint32_t queue, std::uint32_t opcode, byte_view payload, std::uint32_t source_sap = 7,
                  std::uint32_t sync_event = 0);
@@ -62,6 +64,7 @@ private:
     std::thread thread_;
     int listener_ = -1, connection_ = -1;
     bool stopping_ = false, greeted_ = false;
+    std::size_t connections_ = 0, ungreeted_ = 0;
     std::uint32_t next_sap_ = 0x10000;
     std::vector<request> requests_;
     std::map<std::uint32_t, std::function<answer(byte_view)>> answers_;

@@ -7,6 +7,7 @@
 #include "../runtime/shared_memory.h"
 
 #include "../../wire/log.h"
+#include "../../wire/rtab.h"
 #include "../../wire/sdb.h"
 #include "../../wire/svcmgr.h"
 
@@ -17,6 +18,7 @@
 #include "mbus.h"
 #include "memacct.h"
 #include "pstore.h"
+#include "rtab.h"
 #include "sdb.h"
 #include "svcmgr.h"
 #include "syslog_client.h"
@@ -24,12 +26,16 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <numeric>
 #include <poll.h>
 #include <sys/mman.h>
+#include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace corvane_test {
 
@@ -37,6 +43,8 @@ using namespace testing;
 
 // What the service manager's callbacks were told.
 std::vector<std::string> told;
+// What a service's set-up does in its announcement.
+void (*set_up)() = nullptr;
 
 } // namespace corvane_test
 
@@ -51,6 +59,8 @@ int svcmgrcb_srv_hs_state_query(std::uint32_t client, std::uint32_t service, std
 {
     corvane_test::told.push_back("query " + std::to_string(client) + " " + std::to_string(service) + " " +
                                  std::to_string(flags) + " " + std::to_string(done));
+    if (corvane_test::set_up != nullptr)
+        corvane_test::set_up();
     return 0;
 }
 
@@ -114,6 +124,13 @@ struct Process : Test {
         const int result = svcmgr_dispatch(msg);
         mbus_drop(queue, msg);
         return result;
+    }
+    // A connection that may have been lost a moment ago is there again.
+    void await_up()
+    {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (corvane::call(0xFFFF0001, {}).error != 0 && std::chrono::steady_clock::now() < deadline)
+            poll(nullptr, 0, 1);
     }
     // A round trip: everything sent before has arrived at the other end.
     void settle() { (void)corvane::call(0xFFFF0001, {}); }
@@ -447,6 +464,99 @@ TEST_F(Process, ShakesHandsAgainAndAsksOnlyForNewsAfterAReconnect)
             break;
     EXPECT_TRUE(asked);
     EXPECT_LT(server.all().front().method, corvane::SVCMGR_HANDSHAKE) << "queues are bound first";
+}
+
+TEST_F(Process, HandshakeWhoseAnswerIsLostIsMadeAgainWithTheNextConnection)
+{
+    svcmgr_query_srv_hs_state(582);                            // what it asks for is asked again, too
+    std::atomic<bool> lost{false};
+    server.answer_with(corvane::SVCMGR_HANDSHAKE, [&](byte_view) {
+        if (lost.exchange(true))
+            return answer{};
+        server.disconnect();
+        return answer{0, {}, true};
+    });
+    EXPECT_FALSE(svcmgr_handshake(queue, 581));
+    const request *handshake = server.await(corvane::SVCMGR_HANDSHAKE, 2);
+    ASSERT_NE(handshake, nullptr);
+    EXPECT_EQ(handshake->body, byte_writer().put(queue).put(581u).take());
+    await_up();
+    EXPECT_TRUE(svcmgr_conditional_srv_was_handshake_done());
+}
+
+TEST_F(Process, NobodyIsHeardAheadOfTheGreetingOfANewConnection)
+{
+    const std::size_t before = server.connections();
+    std::atomic<bool> over{false};
+    std::thread beating([&] {
+        while (!over)
+            svcmgr_heartbeat(0);
+    });
+    for (int i = 0; i < 20; ++i) {
+        await_up();
+        server.disconnect();
+    }
+    over = true;
+    beating.join();
+    await_up();
+    EXPECT_GE(server.connections(), before + 10);
+    EXPECT_EQ(server.ungreeted(), 0u);
+}
+
+TEST_F(Process, ServiceWhoseSetUpGotNoQueueIsAskedForAgain)
+{
+    server.answer_with(corvane::BUS_BIND, [](byte_view) { return answer{ENOMEM, {}}; });
+    set_up = [] {
+        EXPECT_EQ(mbus_bind(1, 0, mbus_q_attr{}, "part"), MBUS_Q_INVALID);
+        EXPECT_EQ(errno, ENOMEM);
+    };
+    dispatched(corvane::SVCMGR_OPC_QUERY_ANSWER, byte_writer().put(581u).put(263u).put(0u).put(1u).view());
+    set_up = nullptr;
+    server.forget();
+    EXPECT_EQ(mbus_bind(2, 0, mbus_q_attr{}, "of no service"), MBUS_Q_INVALID);
+    const request *query = nullptr;
+    for (int second = 0; second < 5 && query == nullptr; ++second) {
+        svcmgr_heartbeat(0);
+        poll(nullptr, 0, 1000);
+        settle();
+        query = server.count(corvane::SVCMGR_QUERY) == 0 ? nullptr : server.await(corvane::SVCMGR_QUERY);
+    }
+    ASSERT_NE(query, nullptr);
+    EXPECT_EQ(query->body, byte_writer().put(263u).put(0u).take());
+}
+
+// ---- the route table's client
+
+TEST_F(Process, UpdatesOfATableWhoseOpeningFailedAreSentOnceItIsOpen)
+{
+    std::vector<std::uint8_t> update(RTAB_UPDATE_HEADER + 2 * RTAB_UPDATE_STRIDE);
+    std::iota(update.begin(), update.end(), std::uint8_t{1});
+    const auto offer = [&](std::uint16_t count) { return rtab_update_route(update.data(), count, 0, 0); };
+    EXPECT_EQ(offer(1), 0) << "nobody opened it yet";
+    server.answer_with(corvane::RTAB_OPEN, [](byte_view) { return answer{ENOMEM, {}}; });
+    server.answer_with(corvane::RTAB_UPDATE, [](byte_view) { return answer{0, byte_writer().put(0u).take()}; });
+    EXPECT_FALSE(rtab_api_init(queue, "test", 0));
+    EXPECT_EQ(offer(2), 1);
+    EXPECT_EQ(offer(1), 1);
+    EXPECT_EQ(server.count(corvane::RTAB_UPDATE), 0u);
+
+    (void)shared_page<corvane::rtab_shared>(corvane::RTAB_SHM);
+    server.answer_with(corvane::RTAB_OPEN, [](byte_view) { return answer{0, byte_writer().put(581u).take()}; });
+    ASSERT_TRUE(rtab_api_init(queue, "test", 0));
+    ASSERT_EQ(server.count(corvane::RTAB_UPDATE), 2u);
+    const byte_view whole(update);
+    const byte_view header = whole.first(RTAB_UPDATE_HEADER);
+    const auto sent = [&](std::uint32_t count) {
+        return byte_writer().raw(header).put(count).raw(whole.subspan(header.size(), count * RTAB_UPDATE_STRIDE)).take();
+    };
+    EXPECT_EQ(server.await(corvane::RTAB_UPDATE, 1)->body, sent(2));
+    EXPECT_EQ(server.await(corvane::RTAB_UPDATE, 2)->body, sent(1));
+
+    EXPECT_TRUE(rtab_api_close());
+    EXPECT_EQ(offer(1), 0) << "closed by its user, not lost";
+    ASSERT_TRUE(rtab_api_init(queue, "test", 0));
+    EXPECT_EQ(server.count(corvane::RTAB_UPDATE), 2u) << "nothing is sent twice";
+    EXPECT_TRUE(rtab_api_close());
 }
 
 TEST_F(Process, HeartbeatsAreSentWithoutWaiting)
