@@ -42,6 +42,11 @@ bool is_for(const overlay_config &o, std::uint8_t family, const std::uint8_t *de
     return std::memcmp(o.ipv6.data(), destination, 16) == 0 || std::memcmp(o.ipv6_group.data(), destination, 16) == 0;
 }
 
+bool is_group(std::uint8_t family, const std::uint8_t *destination)
+{
+    return family == 4 ? destination[0] >> 4 == 0xE : destination[0] == 0xFF;
+}
+
 } // namespace
 
 bool overlay_get(std::uint32_t iod, overlay_config &out)
@@ -80,7 +85,13 @@ std::uint32_t overlay_of_packet(std::uint8_t family, const std::uint8_t *destina
     for (const overlay_config &o : t.overlays)
         if (o.gre && is_for(o, family, destination) && (chosen == 0 || t.owner[vlan % VLANS] == o.iod))
             chosen = o.iod;
-    return chosen;
+    if (chosen != 0 || !is_group(family, destination))
+        return chosen;
+    // A data group: this machine receives it because somebody joined it, and only the VLAN says for whom.
+    const auto owner = std::ranges::find_if(t.overlays, [&](const overlay_config &o) {
+        return o.gre && o.iod == t.owner[vlan % VLANS];
+    });
+    return owner != t.overlays.end() ? owner->iod : 0;
 }
 
 void overlay_set(const overlay_config &config)

@@ -27,7 +27,7 @@ struct overlay_config {
 [[nodiscard]] std::vector<overlay_config> overlays_all();
 [[nodiscard]] std::uint32_t overlays_version();                // counts changes
 // The GRE overlay that a core packet to `destination` is for: among those with that address or group, the one that
-// carries `vlan`, else any. 0: none. `family` is 4 or 5.
+// carries `vlan`, else any; for any other group the one that carries `vlan`. 0: none. `family` is 4 or 5.
 [[nodiscard]] std::uint32_t overlay_of_packet(std::uint8_t family, const std::uint8_t *destination, std::uint16_t vlan);
 
 struct interface_table;

@@ -244,6 +244,21 @@ TEST_F(Gre, ChoosesAmongOverlaysByVlan)
     overlay_vlan_set(10, 0);
 }
 
+TEST_F(Gre, GivesAnyOtherGroupToTheOverlayThatCarriesTheVlan)
+{
+    look();
+    const bytes data_group = hex("ef020003");
+    lab::run("ip addr add 239.2.0.3 dev gq0 autojoin");
+    const std::uint64_t served = lab::drops("frame on an interface that is not served");
+    overlay_vlan_set(10, OVERLAY);
+    inject4(GRE + ethernet(HOST_B, HOST_A, 0x8100) + hex("a00b 88b5") + counting(46), data_group);      // VLAN 11 is nobody's
+    inject4(GRE + TAGGED_ON_WIRE, data_group);
+    const delivery d = receive();
+    EXPECT_EQ(d.iod, OVERLAY);
+    EXPECT_EQ(d.frame, TAGGED);
+    EXPECT_EQ(lab::drops("frame on an interface that is not served"), served + 1);
+    overlay_vlan_set(10, 0);
+}
 TEST_F(Gre, CountsWhatIsNotOurs)
 {
     look();
