@@ -1,6 +1,7 @@
 // VLANs of the switchports.
 #include "port_vlans.h"
 
+#include "../interfaces.h"
 #include "authority.h"
 
 #include "intfmgr.h"
@@ -28,6 +29,13 @@ table &the_table()
 {
     static table &instance = *new table;
     return instance;
+}
+
+bool is_usable(std::uint32_t iod)
+{
+    constexpr std::uint32_t USABLE = INTERFACE_PRESENT | INTERFACE_SWITCHPORT | INTERFACE_UP;
+    const interface_table *table = interfaces();
+    return table != nullptr && (interface_flags(*table, iod) & USABLE) == USABLE;
 }
 
 std::vector<std::uint16_t> members(const bitfield &vlans)
@@ -84,9 +92,15 @@ std::size_t ports_of_vlan(std::uint16_t vlan, std::span<std::uint32_t> iods)
 {
     table &t = the_table();
     const std::scoped_lock guard(t.mutex);
+    const auto carries = [&](std::uint32_t iod) {
+        const auto announced = t.ports.find(iod);
+        if (announced == t.ports.end())
+            return port_vlan(iod) == vlan && is_usable(iod);
+        return announced->second.up && (announced->second.vlans[vlan % VLANS] || port_vlan(iod) == vlan);
+    };
     std::size_t n = 0;
-    for (const auto &[iod, p] : t.ports)
-        if (p.up && p.vlans[vlan % VLANS] && n < iods.size())
+    for (std::uint32_t iod = 1; iod <= INTFMGR_IOD_MAX && n < iods.size(); ++iod)
+        if (carries(iod))
             iods[n++] = iod;
     return n;
 }

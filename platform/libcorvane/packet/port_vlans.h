@@ -1,5 +1,6 @@
-// Which switchports carry a VLAN, and which of them tag it, as the interface manager announces it: for frames that name
-// a VLAN instead of a port, and for frames of this library's own on a trunk.
+// Which switchports carry a VLAN, and which of them tag it, as the interface manager announces it and, for ports that it
+// says nothing of, as the daemon's own command does: for frames that name a VLAN instead of a port, and for frames of this
+// library's own on a trunk.
 #pragma once
 
 #include "mbus.h"
@@ -18,7 +19,8 @@ void port_vlans_set(std::uint32_t iod, bool trunk, bool up, std::span<const std:
 
 // Frames of this VLAN leave the port with a tag. False also for ports that nobody announced: their VLAN is untagged.
 [[nodiscard]] bool port_tags_vlan(std::uint32_t iod, std::uint16_t vlan);
-// Ports that carry the VLAN and are not blocked, by ascending iod. Result: how many were written.
+// Ports that carry the VLAN and are not blocked, by ascending iod, those that the daemon's own command put into it among
+// them. Result: how many were written.
 [[nodiscard]] std::size_t ports_of_vlan(std::uint16_t vlan, std::span<std::uint32_t> iods);
 
 } // namespace corvane

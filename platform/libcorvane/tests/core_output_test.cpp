@@ -4,6 +4,7 @@
 
 #include "../core/link_output.h"
 #include "../core/neighbour.h"
+#include "../packet/authority.h"
 #include "../packet/port_vlans.h"
 #include "ip.h"
 #include "ipv6.h"
@@ -419,5 +420,34 @@ TEST_F(CoreOutput, TagsHelloOnATrunkAndFloodsItOnThePortsOfTheVlan)
 
     for (std::uint32_t i = 0; i < 3; ++i)
         port_vlans_set(IOD + i, false, false, {}, vlans);
+    EXPECT_EQ(send_hello(10, 0, 1), -1);
+}
+TEST_F(CoreOutput, FloodsHelloOnPortsThatOnlyTheDaemonsCommandPutIntoTheVlan)
+{
+    const lab::veth other("cq1"), idle("cq2");
+    lab::wire other_far("cq1p"), idle_far("cq2p");
+    interfaces_.set(IOD, "cq0", INTERFACE_UP | INTERFACE_SWITCHPORT);
+    interfaces_.set(IOD + 1, "cq1", INTERFACE_UP | INTERFACE_SWITCHPORT);
+    interfaces_.set(IOD + 2, "cq2", INTERFACE_SWITCHPORT);
+    interfaces_.set(IOD + 3, "", INTERFACE_UP | INTERFACE_OVERLAY | INTERFACE_TUNNEL);
+    const std::uint16_t vlans[] = {10, 20};
+    port_vlan_set(IOD, 10);                                     // nobody announced it
+    port_vlans_set(IOD + 1, false, true, std::span(vlans).last(1), {});
+    port_vlan_set(IOD + 1, 10);                                 // announced in another VLAN
+    port_vlan_set(IOD + 2, 10);                                 // without a link
+    port_vlan_set(IOD + 3, 10);                                 // no port
+
+    EXPECT_EQ(send_hello(10, 0, 1), 0);
+    for (lab::wire *far : {&far_, &other_far}) {
+        const auto sent = far->receive_if(is_hello);
+        ASSERT_TRUE(sent);
+        EXPECT_EQ(get16(sent->frame, 12), 0x0800);
+    }
+    EXPECT_FALSE(idle_far.receive_if(is_hello, 0));
+
+    port_vlans_set(IOD + 1, false, true, {}, std::span(vlans).last(1));
+    for (std::uint32_t i = 0; i < 4; ++i)
+        port_vlan_clear(IOD + i, 10);
+    interfaces_.clear(IOD + 3);
     EXPECT_EQ(send_hello(10, 0, 1), -1);
 }
