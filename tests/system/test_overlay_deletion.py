@@ -199,6 +199,28 @@ class OverlayDeletion(TwoSites):
         self.wait_gone(7)
         self.assertEqual((self.said(refused), self.said(mismatch)), (1, before + 1))
 
+    def test_a_vlan_that_another_overlay_has_taken_over_keeps_the_record(self):
+        iod, = self.make(7)
+        self.edge.configure("interface Overlay7", "lum vpn-vlan 77")
+        self.make(8)
+        self.edge.configure("interface Overlay8", "lum vpn-vlan 77")
+        self.remove(7)
+        self.edge.wait_log("VLAN 77 doesn't match configured overlay name7")
+        self.edge.wait_log("Failed to delete overlay name7: Refcount")
+        self.assertEqual(self.state(7), "DOWN Delete Holddown")
+        self.assertIsNone(self.record(iod))
+        self.assertIn("Overlay8", self.edge.corvsh("show lum vlan | include 77"))
+        self.remove(8)
+        self.wait_gone(8)
+        self.acknowledge(iod)                                # is never freed: what may be referred to is kept
+        wait_until(lambda: self.said("Failed to delete overlay name7: Refcount") == 2, 5, "it says so again")
+        self.assertEqual(self.state(7), "DOWN Delete Holddown")
+        self.edge.corvsh("restart lum")
+        wait_until(lambda: self.edge.lum_pid() not in (None, self.lum), 10, "lum is back")
+        self.lum = self.edge.lum_pid()
+        self.wait_gone(7)
+        self.edge.wait_overlay()
+
     # ---- made again before it is gone
 
     def test_an_overlay_that_is_made_again_while_it_is_held_comes_back_with_its_new_configuration(self):
