@@ -123,6 +123,16 @@ TEST_F(LumRouteRemoval, OfARouteWithoutAnyNextHopMakesRoomForOthers)
     EXPECT_NE(platform.find_route(HOST_INFO), nullptr);
 }
 
+TEST_F(LumRouteRemoval, WithoutANextHopTakesNoneThatHasOne)
+{
+    route({{"<mac-info>", HOST}, {"<nh>", "198.51.100.1"}});
+    route({{"<mac-info>", HOST}, {"<if-name>", "eth1"}});
+    remove({{"<mac-info>", HOST}});
+    EXPECT_EQ(lum_get_static_ecmp(HOST_INFO), 2u);
+    ASSERT_NE(platform.find_route(HOST_INFO), nullptr);
+    EXPECT_EQ(platform.find_route(HOST_INFO)->nexthop_count, 2u);
+}
+
 TEST_F(LumRouteRemoval, OfTheInterfaceTakesItsNextHopsOutOfTheTableUntilItIsBack)
 {
     route({{"<mac-info>", HOST}, {"<if-name>", "Overlay1"}, {"<nh>", "198.51.100.1"}});

@@ -188,6 +188,15 @@ class StaticRoutes(TwoSites):
         went = self.spread([(f"02:00:00:00:aa:{n:02x}", TARGET) for n in range(16)])
         self.assertEqual((len(went), {edge for edges in went.values() for edge in edges}), (16, {EDGES[1]}))
 
+    def test_taking_a_route_back_takes_the_next_hop_that_is_named_and_none_where_none_is(self):
+        line = f"lum route 10/{TARGET} interface Overlay1 next-hop {EDGES[0]}"
+        self.configure(line, f"lum route 10/{TARGET}")
+        self.edge.configure(f"no lum route 10/{TARGET}")
+        self.assertEqual(self.next_hops(), [f"{EDGES[0]} Overlay1"])
+        self.assertEqual(self.running_routes(), [line])
+        self.edge.configure(f"no lum route 10/{TARGET}")
+        self.assertEqual((self.next_hops(), self.running_routes()), ([f"{EDGES[0]} Overlay1"], [line]))
+
     def test_a_fifth_next_hop_is_refused(self):
         self.configure(*(f"lum route 10/{TARGET} interface Overlay1 next-hop 198.18.9.{n}" for n in range(1, 5)))
         refusal = self.rejected(f"lum route 10/{TARGET} interface Overlay1 next-hop 198.18.9.5")
