@@ -6,6 +6,7 @@
 #include "../api/plock.h"
 #include "../api/syslog_client.h"
 #include "packet/authority.h"
+#include "service_retry.h"
 
 #include <cerrno>
 #include <cstring>
@@ -149,13 +150,19 @@ int cli_init(const char *client, std::uint32_t, std::uint32_t)
         return EEXIST;
     if (cli().wake_fd < 0)
         cli().wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (cli().wake_fd < 0)
-        return errno;
+    if (cli().wake_fd < 0) {
+        const int error = errno;
+        corvane::part_failed();
+        return error;
+    }
     cli().client = client;
     cli().names.clear();
     cli().handlers.clear();
     cli().ending = false;
-    return cli().connection.open(client);
+    const int error = cli().connection.open(client);
+    if (error != 0)
+        corvane::part_failed();
+    return error;
 }
 
 int cli_ready(const char *client, std::uint32_t) { return cli().client == client ? 0 : EINVAL; }

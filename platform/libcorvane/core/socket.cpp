@@ -16,6 +16,7 @@
 #include <mutex>
 #include <netinet/in.h>
 #include <netinet/udp.h>
+#include <poll.h>
 #include <unistd.h>
 
 namespace {
@@ -23,7 +24,7 @@ namespace {
 using corvane::udp_batch;
 
 constexpr int LEVEL_UDP = 17, LEVEL_IPV6 = 41, OPTION_WHOLE_PACKET = 3, LEVEL_IP = 0, OPTION_CONTEXT = 61;
-constexpr int RECEIVE_BUFFER_BYTES = 4 << 20;
+constexpr int RECEIVE_BUFFER_BYTES = 4 << 20, NO_MEMORY_WAIT_MS = 10;
 
 // By descriptor. One thread receives from a socket. The batch is made when a descriptor first receives and stays with
 // its number: a receive that still waits when the socket is closed finds its memory.
@@ -142,13 +143,15 @@ ssize_t receive_whole(int socket, socket_state &state, void *buffer, size_t size
                       socklen_t *from_length)
 {
     udp_batch &batch = batch_of(socket, state);
+    const bool waits = (flags & MSG_DONTWAIT) == 0;
     while (batch.left() == 0) {
-        const int error = batch.fill();
-        if (error == EAGAIN && (flags & MSG_DONTWAIT) == 0) {
+        int error = batch.fill();
+        if (error == EAGAIN && waits)
             // The peek waits, and tells of a shutdown or an error of the socket as the receive would.
-            const ssize_t waited = recv(socket, nullptr, 0, MSG_PEEK);
-            if (waited < 0)
-                return -1;
+            error = recv(socket, nullptr, 0, MSG_PEEK) < 0 ? errno : 0;
+        // A kernel out of memory will have some again, while a client ends its thread with the first receive that fails.
+        if ((error == ENOMEM || error == ENOBUFS) && waits) {
+            poll(nullptr, 0, NO_MEMORY_WAIT_MS);
         } else if (error != 0) {
             errno = error;
             return -1;

@@ -11,12 +11,31 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 
 using namespace corvane;
 using namespace frames;
 using testing::ElementsAreArray;
+
+namespace {
+
+int receives_to_fail = 0;
+
+} // namespace
+
+// Stands before the C library's.
+extern "C" int recvmmsg(int socket, mmsghdr *messages, unsigned count, int flags, timespec *timeout)
+{
+    if (receives_to_fail > 0) {
+        --receives_to_fail;
+        errno = ENOMEM;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_recvmmsg, socket, messages, count, flags, timeout));
+}
 
 namespace {
 
@@ -137,6 +156,18 @@ TEST_F(UdpStack, WaitsInReceiveUntilADatagramComes)
     });
     EXPECT_EQ(receive().back(), 42);
     sender.join();
+}
+
+TEST_F(UdpStack, GetsOverAKernelWithoutMemory)
+{
+    send({42});
+    receives_to_fail = 3;
+    EXPECT_EQ(receive().back(), 42);
+    EXPECT_EQ(receives_to_fail, 0);
+    receives_to_fail = 1;
+    bytes packet(BUFFER);
+    EXPECT_EQ(corvane_recvfrom(socket_, packet.data(), packet.size(), MSG_DONTWAIT, nullptr, nullptr), -1);
+    EXPECT_EQ(errno, ENOMEM);
 }
 
 TEST_F(UdpStack, RefusesBusyPort)
