@@ -236,6 +236,20 @@ TEST(InstalledGrammar, GivesEveryCommandAndEveryWordHelp)
     }
 }
 
+TEST(InstalledGrammar, TakesBackEverythingThatItConfigures)
+{
+    grammar g;
+    (void)g.add_file(installed_grammar("platform.cli"));
+    (void)g.add_file(installed_grammar("lum.cli"));
+    std::size_t configuring = 0;
+    for (const auto &c : g.all()) {
+        configuring += c.configures() ? 1 : 0;
+        EXPECT_EQ(c.no.elements.empty(), !c.configures() && !c.handler.starts_with("lum_debug_"))
+            << c.file << ":" << c.line << ": " << c.plain.text;
+    }
+    EXPECT_GT(configuring, 20u);
+}
+
 // What the daemon's handlers ask for, by handler.
 TEST(InstalledGrammar, NamesTheArgumentsAsTheHandlersReadThem)
 {
