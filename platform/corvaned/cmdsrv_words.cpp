@@ -199,10 +199,11 @@ split_line split(std::string_view line)
     return result;
 }
 
+// A question mark too: typed or pasted into a terminal it would ask for help.
 std::string quoted(const std::string &text)
 {
     const bool plain = !text.empty() && text.front() != '!' && text.front() != '|' &&
-                       text.find_first_of(" \t\"\\") == std::string::npos;
+                       text.find_first_of(" \t\"\\?") == std::string::npos;
     if (plain)
         return text;
     std::string result = "\"";

@@ -127,6 +127,7 @@ TEST(Quoted, QuotesOnlyWhatNeedsIt)
     EXPECT_EQ(quoted(""), "\"\"");
     EXPECT_EQ(quoted("!x"), "\"!x\"");
     EXPECT_EQ(quoted("|"), "\"|\"");
+    EXPECT_EQ(quoted("what?"), "\"what?\"");
     EXPECT_EQ(quoted("a\"\\"), "\"a\\\"\\\\\"");
     EXPECT_EQ(split(quoted("a \"\\ b")).words[0].text, "a \"\\ b");
 }
