@@ -291,7 +291,10 @@ void run_of_shell(session &s, const parsed_command &parsed)
     } else if (what == "interface_device") {
         const std::string &name = parsed.interfaces.front();
         if (cmdsrv().interfaces.find(name) == 0) {
-            send_output(s, corvane::SHELL_STREAM_ERROR, "no such interface: " + name + "\n");
+            const bool overlay = name.starts_with("Overlay");
+            send_output(s, corvane::SHELL_STREAM_ERROR,
+                        "no such interface: " + name +
+                            (overlay ? "; overlay interfaces are Overlay0 to Overlay9999\n" : "\n"));
             status = corvane::STATUS_REJECTED;
         } else {
             enter(s, parsed);

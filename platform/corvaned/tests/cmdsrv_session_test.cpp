@@ -61,6 +61,8 @@ TEST_F(Shell, RefusesTheModeOfAMissingDevice)
     const auto answer = shell.run("interface eth9");
     EXPECT_EQ(answer.status, corvane::STATUS_REJECTED);
     EXPECT_EQ(answer.error, "no such interface: eth9\n");
+    EXPECT_EQ(shell.run("interface Overlay10000").error,
+              "no such interface: Overlay10000; overlay interfaces are Overlay0 to Overlay9999\n");
     EXPECT_EQ(answer.mode, corvane::shell_mode::CONFIGURE);
 }
 
