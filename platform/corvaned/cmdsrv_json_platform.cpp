@@ -2,6 +2,7 @@
 #include "cmdsrv_json.h"
 #include "cmdsrv_json_text.h"
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 
@@ -129,7 +130,12 @@ std::string interfaces(std::string_view text)
 }
 
 std::string log_lines(std::string_view text) { return rows("log", text, log_row); }
-std::string services(std::string_view text) { return rows("services", text, service_row); }
+std::string services(std::string_view text)
+{
+    if (text.starts_with("Number "))             // the head of the table
+        text.remove_prefix(std::min(text.find('\n'), text.size() - 1) + 1);
+    return rows("services", text, service_row);
+}
 std::string drops(std::string_view text) { return rows("drops", text, drop_row); }
 
 std::string errors(std::string_view text)

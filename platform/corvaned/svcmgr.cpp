@@ -304,6 +304,7 @@ int rejected_or_done(command &cmd, const std::string &why)
 
 int show_services(command &cmd)
 {
+    cmd.print("Number  Service       State Process\n");
     for (const auto &[number, s] : state().services) {
         char line[128];
         std::snprintf(line, sizeof line, "%-6u  %-12s  %-4s  %d\n", number, s.name.c_str(), s.up ? "up" : "down",

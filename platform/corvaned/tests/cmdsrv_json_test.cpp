@@ -263,7 +263,7 @@ TEST(Json, ReadsInterfacesWithWhatGoesOnBelowThem)
 
 TEST(Json, ReadsTheOtherTablesOfThePlatform)
 {
-    EXPECT_EQ(read("service", "33      svcmgr        up    27143\n581     lum           down  0\n"),
+    EXPECT_EQ(read("service", "Number  Service       State Process\n33      svcmgr        up    27143\n581     lum           down  0\n"),
               json::parse(R"({"services": [{"number": 33, "name": "svcmgr", "state": "up", "pid": 27143},
                                            {"number": 581, "name": "lum", "state": "down", "pid": 0}]})"));
     EXPECT_EQ(read("drop", "unknown unicast: no route      12\n"),
