@@ -5,6 +5,7 @@
 #include "pager.h"
 #include "text.h"
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdio>
@@ -12,6 +13,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <unistd.h>
 
 using namespace corvsh;
@@ -68,6 +70,15 @@ bool read_arguments(int argc, char **argv, settings &chosen)
     return true;
 }
 
+// The line in front of a question mark that stands alone at its end: what may come next is asked for.
+std::optional<std::string> asked_for_help(const std::string &line)
+{
+    const bool alone = line == "?" || line.ends_with(" ?");
+    if (!alone || std::ranges::count(line, '"') % 2 == 1)
+        return std::nullopt;
+    return line.substr(0, line.size() - 1);
+}
+
 class shell {
 public:
     explicit shell(connection &server) : server_(server) {}
@@ -80,6 +91,8 @@ public:
                 std::to_string(LINE_MAX_BYTES) + "\n");
             return {corvane::STATUS_REJECTED, mode_, false, false};
         }
+        if (const auto begun = asked_for_help(line))
+            return help(*begun, where + harmless(line) + "\n");
         bool told = where.empty();
         const auto result = server_.execute(
             line, {[&](bool error, std::string_view text) {
@@ -151,6 +164,18 @@ private:
     {
         std::fflush(stdout);
         std::fputs(text.c_str(), stderr);
+    }
+
+    // What may come behind `begun`. `headed` stands before what is said where nothing may.
+    outcome help(const std::string &begun, const std::string &headed)
+    {
+        const choices what = server_.complete(begun);
+        const bool any = !what.list.empty();
+        if (any)
+            std::fputs(harmless(choices_text(what)).c_str(), stdout);
+        else if (!what.lost)
+            say(headed + (what.error.empty() ? "nothing more is expected here" : what.error) + "\n");
+        return {any ? corvane::STATUS_DONE : corvane::STATUS_REJECTED, mode_, false, what.lost};
     }
 
     // False: nothing more can run.

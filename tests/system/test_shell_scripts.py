@@ -130,6 +130,21 @@ class Scripts(unittest.TestCase):
         self.assertEqual(done.returncode, 1)
         self.assertIn("corvaned does not answer at /nowhere/", done.stderr)
 
+    def test_a_question_mark_alone_at_the_end_lists_what_may_come_next(self):
+        status, out, err = self.corvsh("-c", "configure terminal", "-c", "interface Overlay1", "-c", "lum vpn-encap-format ?")
+        self.assertEqual((status, out, err), (0, "  gre  GRE with an Ethernet payload\n  udp  UDP, destination port 8472\n", ""))
+        status, out, err = self.corvsh("-c", "show nonsense ?")
+        self.assertEqual((status, out, err.splitlines()[0]), (1, "", "show nonsense ?"))
+        self.assertIn('unknown word "nonsense"', err)
+        status, out, err = self.corvsh("-c", 'show lum site name "what ?')
+        self.assertIn("the closing '\"' is missing", err)
+
+    def test_a_name_with_a_question_mark_can_be_pasted_as_it_is_shown(self):
+        self.edge.configure("interface Overlay1", "lum vpn-name why?")
+        self.assertIn('  lum vpn-name "why?"\n', self.running())
+        self.file.write_text(self.running())
+        self.assertEqual(self.corvsh("-c", f"configure file {self.file} --check"), (0, "nothing differs\n", ""))
+
     def test_a_file_of_commands_names_the_line_that_was_wrong(self):
         self.file.write_text("configure terminal\n! a comment\n\ninterface Overlay1\n  lum vpn-name red\n"
                              "  lum vpn-mgroup-addr 10.1.1.1\nend\nshow lum overlay summary | include red\n")
