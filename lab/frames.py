@@ -331,6 +331,16 @@ def icmp_echo(identifier, sequence, payload=b"", reply=False):
     return head[:2] + struct.pack("!H", checksum(head + payload)) + head[4:] + payload
 
 
+def neighbour_solicitation(src, src_mac, target):
+    """An IPv6 packet that asks for the MAC of `target`, from a host that names its own."""
+    solicited = ip_bytes("ff02::1:ff00:0")[:13] + ip_bytes(target)[13:]
+    dst = str(ipaddress.ip_address(solicited))
+    body = struct.pack("!BBHI", 135, 0, 0, 0) + ip_bytes(target)
+    body += b"\1\1" + mac_bytes(src_mac) if ip_bytes(src) != bytes(16) else b""
+    total = checksum(Ip(6, src, dst, ICMP6, 0, 0, b"", b"").pseudo_header(len(body)) + body)
+    return ipv6(src, dst, ICMP6, body[:2] + struct.pack("!H", total) + body[4:], hop_limit=255)
+
+
 def udp_frame(src_host_mac, dst_host_mac, src_ip, dst_ip, payload, src_port=4000, dst_port=4001, vlan=None):
     datagram = udp(src_ip, dst_ip, src_port, dst_port, payload)
     six = ":" in src_ip

@@ -61,6 +61,7 @@ public:
         payload_ += TAG_SIZE;
         length_ -= TAG_SIZE;
         if (is_snap(frame)) {
+            snap_type_ = wire_be16(frame.data + SNAP_HEADER_END + TAG_SIZE - 2);
             moved_ = payload_;
             std::memcpy(saved_.data(), moved_, saved_.size());
             std::memmove(moved_, moved_ - TAG_SIZE, saved_.size());
@@ -76,10 +77,11 @@ public:
 
     [[nodiscard]] std::uint16_t type() const { return type_; }
     [[nodiscard]] const std::uint8_t *payload() const { return payload_; }
+    [[nodiscard]] std::uint16_t snap_type() const { return snap_type_; }
     [[nodiscard]] std::uint32_t length() const { return length_; }
 
 private:
-    std::uint16_t type_;
+    std::uint16_t type_, snap_type_ = 0;
     std::uint8_t *payload_;
     std::uint32_t length_;
     std::uint8_t *moved_ = nullptr;
@@ -132,6 +134,10 @@ int lum_output(const lum_frame &frame, std::uint32_t iod, const lum_mac_info &so
     if (next_hop != nullptr)
         set_next_hop(request, *next_hop);
     request.flood = flood != 0 ? 1 : 0;
+    // Untagging leaves an 802.3 frame the tag's type and drops the frame's own, deliberate; the packet service puts the
+    // own one back.
+    request.untagged = keep_tag ? 0 : 1;
+    request.snap_type_be = to_be16(view.snap_type());
     LUM_IF_FRAME_TRACED(source, destination)
         trace_output(source, destination, iod, flood, HEADER_SIZE + view.length(), keep_tag);
     return net_l2_send(lum_net_l2_handle, header, request, view.payload(), static_cast<std::uint16_t>(view.length()));

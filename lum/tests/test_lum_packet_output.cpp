@@ -59,6 +59,20 @@ TEST_F(LumOutput, FillsTheDescriptorsFromTheMacInfosAndTheFrame)
     EXPECT_EQ(sent.payload, fake::filler(46));
 }
 
+TEST_F(LumOutput, TellsThePacketServiceThatTheTagIsOutAndWhichSnapTypeWentWithIt)
+{
+    output(tagged_, PORT_A);
+    EXPECT_EQ(platform.l2_sent.back().request.untagged, 1);
+    EXPECT_EQ(platform.l2_sent.back().request.snap_type_be, 0);
+    output(tagged_snap_, PORT_A);
+    EXPECT_EQ(platform.l2_sent.back().request.untagged, 1);
+    EXPECT_EQ(platform.l2_sent.back().request.snap_type_be, __builtin_bswap16(tagged_snap_.be16(24)));
+    site_port(PORT_B, VLAN, true);
+    output(tagged_snap_, PORT_B);
+    EXPECT_EQ(platform.l2_sent.back().request.untagged, 0);
+    EXPECT_EQ(platform.l2_sent.back().request.snap_type_be, 0);
+}
+
 TEST_F(LumOutput, NamesNoNextHopOfAnyOtherKind)
 {
     const lum_addr other = fake::ip_addr(REMOTE_EDGE);

@@ -37,6 +37,8 @@ struct net_l2_send_request {
     std::array<std::uint8_t, 16> next_hop_ipv6{};
     std::uint8_t flood = 0;                                  // to every port of the VLAN instead of the iod
     std::uint8_t option[2] = {0, 0};                         // of a client's send-packet request
+    std::uint8_t untagged = 0;                               // the tag was taken out; one that is left is a host's own
+    std::uint16_t snap_type_be = 0;                          // untagged 802.3: goes where the tag's type still stands
 };
 // `payload` is the frame from its byte 14 on; it is copied or sent before the call returns. A VLAN tag in it has its
 // control field low byte first; on the wire it is 802.1Q. 1 sent or queued, 0 dropped and counted.

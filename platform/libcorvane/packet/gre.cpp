@@ -32,6 +32,8 @@ int drop(drop_reason reason)
 bool is_tagged(const daemon_frame &f)
 {
     constexpr std::size_t SNAP_TYPE_IN_PAYLOAD = 6;
+    if (f.untagged)
+        return false;
     if (f.type > LAST_802_3_LENGTH)
         return f.type == TYPE_VLAN;
     return f.length >= SNAP_TYPE_IN_PAYLOAD + VLAN_TAG && f.payload[SNAP_TYPE_IN_PAYLOAD] == TYPE_VLAN >> 8 &&

@@ -191,7 +191,8 @@ int net_l2_send(net_l2_handle handle, const net_l2_header &header, const net_l2_
 {
     if (handle == 0)
         return refuse();
-    const daemon_frame frame{header.destination.data(), header.source.data(), ntohs(header.ethertype_be), payload, length};
+    const daemon_frame frame{header.destination.data(),  header.source.data(), ntohs(header.ethertype_be), payload, length,
+                             request.untagged != 0, ntohs(request.snap_type_be)};
     const std::uint32_t iod = ntohl(request.iod_be);
     const link_target port = switchport(iod);
     const std::uint16_t vlan = ntohs(header.vlan_be);

@@ -127,17 +127,21 @@ std::size_t tag_to_wire(const daemon_frame &frame, std::uint8_t *out)
     std::memcpy(out + 6, frame.source, 6);
     if (frame.type <= LAST_802_3_LENGTH) {
         constexpr std::size_t SNAP_TYPE_IN_PAYLOAD = SNAP_TYPE - ETHERNET_HEADER;
-        if (frame.length >= SNAP_TYPE_IN_PAYLOAD + VLAN_TAG && get_be16(frame.payload + SNAP_TYPE_IN_PAYLOAD) == TYPE_VLAN)
+        if (!frame.untagged && frame.length >= SNAP_TYPE_IN_PAYLOAD + VLAN_TAG &&
+            get_be16(frame.payload + SNAP_TYPE_IN_PAYLOAD) == TYPE_VLAN)
             return wire_802_3_tagged(frame, out);
         put_be16(out + MAC_PAIR, mended_length(frame.type, DAEMON_UNTAGGED_DEFICIT, frame.length));
         std::memcpy(out + ETHERNET_HEADER, frame.payload, frame.length);
+        if (frame.untagged && frame.length >= SNAP_TYPE_IN_PAYLOAD + 2)
+            put_be16(out + SNAP_TYPE, frame.snap_type);
         return ETHERNET_HEADER + frame.length;
     }
-    if (frame.type == TYPE_VLAN && frame.length < VLAN_TAG)
+    const bool tagged = frame.type == TYPE_VLAN && !frame.untagged;
+    if (tagged && frame.length < VLAN_TAG)
         return 0;
     put_be16(out + MAC_PAIR, frame.type);
     std::memcpy(out + ETHERNET_HEADER, frame.payload, frame.length);
-    if (frame.type == TYPE_VLAN) {
+    if (tagged) {
         out[ETHERNET_HEADER] = frame.payload[1];
         out[ETHERNET_HEADER + 1] = frame.payload[0];
     }

@@ -32,13 +32,16 @@ struct tag_metadata {
 
 // Frame of the daemon, as destination, source, type, and what stands behind (`payload`), into `out`, which holds at
 // least length + ETHERNET_HEADER bytes. An 802.3 frame gets back what the daemon's tag routines take off its length
-// field, 4 in each direction, as far as the frame really is that long. Result: bytes written; 0: too short for its tag.
+// field, 4 in each direction, as far as the frame really is that long, and the SNAP type that went with the tag. Result:
+// bytes written; 0: too short for its tag.
 struct daemon_frame {
     const std::uint8_t *destination;
     const std::uint8_t *source;
     std::uint16_t type;                                         // host order
     const std::uint8_t *payload;
     std::size_t length;
+    bool untagged = false;                                      // the daemon took its tag out: one that is left is as on wire
+    std::uint16_t snap_type = 0;                                // host order; of an 802.3 frame whose tag is out
 };
 [[nodiscard]] std::size_t tag_to_wire(const daemon_frame &frame, std::uint8_t *out);
 

@@ -156,6 +156,23 @@ TEST(TagToWire, GivesUntaggedSnapFrameItsLengthBack)
     EXPECT_THAT(to_wire(snap(SNAP_LENGTH - 8)), ElementsAreArray(snap(SNAP_LENGTH)));
 }
 
+TEST(TagToWire, GivesSnapFrameTheTypeBackThatWentWithItsTag)
+{
+    // What stands behind the tag's type looks like a control field and is not one.
+    const bytes sent = MACS + be16(SNAP_LENGTH - 8) + LLC_SNAP + hex("8100") + PAYLOAD;
+    bytes out(sent.size());
+    const daemon_frame frame{sent.data(), sent.data() + 6, get16(sent, 12), sent.data() + 14, sent.size() - 14, true, 0x0800};
+    ASSERT_EQ(tag_to_wire(frame, out.data()), sent.size());
+    EXPECT_THAT(out, ElementsAreArray(MACS + be16(SNAP_LENGTH) + LLC_SNAP + hex("0800") + PAYLOAD));
+}
+TEST(TagToWire, LeavesTheTagOfAHostAsItIsOnceTheDaemonsOwnIsOut)
+{
+    const bytes sent = MACS + hex("8100 004d 0800") + PAYLOAD;
+    bytes out(sent.size());
+    const daemon_frame frame{sent.data(), sent.data() + 6, 0x8100, sent.data() + 14, sent.size() - 14, true};
+    ASSERT_EQ(tag_to_wire(frame, out.data()), sent.size());
+    EXPECT_THAT(out, ElementsAreArray(sent));
+}
 TEST(TagToWire, LeavesLengthThatTheFrameDoesNotHave)
 {
     EXPECT_THAT(to_wire(snap(SNAP_LENGTH - 7)), ElementsAreArray(snap(SNAP_LENGTH - 7)));
