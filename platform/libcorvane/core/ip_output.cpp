@@ -8,6 +8,7 @@
 #include "intfmgr.h"
 #include "ip.h"
 #include "ipv6.h"
+#include "lasting_socket.h"
 #include "link_output.h"
 #include "monitor.h"
 #include "path.h"
@@ -102,7 +103,7 @@ int open_raw(int family)
 // To an address of this machine: frames cannot carry it there, the kernel has to.
 int send_local(mbuf *packet, const core_destination &d)
 {
-    static const int ipv4 = open_raw(AF_INET), ipv6 = open_raw(AF_INET6);
+    static lasting_socket ipv4, ipv6;
     sockaddr_in to4{};
     to4.sin_family = AF_INET;
     std::memcpy(&to4.sin_addr, d.address.data(), sizeof to4.sin_addr);
@@ -110,7 +111,8 @@ int send_local(mbuf *packet, const core_destination &d)
     to6.sin6_family = AF_INET6;
     std::memcpy(&to6.sin6_addr, d.address.data(), sizeof to6.sin6_addr);
     const bool is_ipv4 = d.family == AF_INET;
-    const ssize_t sent = sendto(is_ipv4 ? ipv4 : ipv6, packet_start(packet), packet->length, MSG_DONTWAIT,
+    const int fd = (is_ipv4 ? ipv4 : ipv6).get([&] { return open_raw(d.family); });
+    const ssize_t sent = sendto(fd, packet_start(packet), packet->length, MSG_DONTWAIT,
                                 is_ipv4 ? reinterpret_cast<const sockaddr *>(&to4) : reinterpret_cast<const sockaddr *>(&to6),
                                 is_ipv4 ? sizeof to4 : sizeof to6);
     if (sent < 0)

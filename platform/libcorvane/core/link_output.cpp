@@ -3,11 +3,11 @@
 
 #include "../packet/tcp_merge.h"
 #include "../plock_batch.h"
+#include "lasting_socket.h"
 
 #include <cerrno>
 #include <cstring>
 #include <linux/if_packet.h>
-#include <mutex>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -63,8 +63,8 @@ int open_socket()
 
 int output_socket()
 {
-    static const int fd = open_socket();
-    return fd;
+    static lasting_socket opened;
+    return opened.get(open_socket);
 }
 
 std::uint8_t *frame_of(const batch &b, std::uint32_t i)
