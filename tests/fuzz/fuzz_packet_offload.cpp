@@ -1,7 +1,8 @@
 // Offload metadata and the frames they come with. Bytes 0 to 9: the metadata as the kernel writes them; the rest is the
-// frame.
+// frame. One that looks as if the kernel had merged it inside a tunnel is cut by what it says itself.
 #include "fuzz.h"
 
+#include "../../platform/libcorvane/packet/gre_merged.h"
 #include "../../platform/libcorvane/packet/offload.h"
 #include "../../platform/libcorvane/tests/packet_frames.h"
 
@@ -43,7 +44,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const std::unique_ptr<std::uint8_t[]> memory(new std::uint8_t[HEADROOM + length]);
     std::uint8_t *frame = memory.get() + HEADROOM;
     std::copy(data + sizeof meta, data + size, frame);
-    if (is_super_frame(meta))
+    if (const offload_meta merged = merged_in_tunnel({frame, length}); is_super_frame(merged))
+        cut(frame, length, merged, frame + length);
+    else if (is_super_frame(meta))
         cut(frame, length, meta, frame + length);
     else
         (void)finish_checksum(frame, length, meta);
@@ -73,5 +76,10 @@ std::vector<fuzz::input> fuzz::seeds()
         six + ipv6(0, hex("06 00 0104 00000000") + tcp({}, counting(450))));
     add({OFFLOAD_NEEDS_CSUM, OFFLOAD_GSO_UDP, 42, 64, 34, UDP_SUM}, four + ipv4(17, udp(counting(200))));
     add({0, OFFLOAD_GSO_TCPV4 | OFFLOAD_GSO_ECN, 54, 1, 0, 0}, four + ipv4(6, tcp({}, counting(10)), 1, hex("01010100")));
+    bytes merged = ipv4(6, tcp({}, counting(3000)));
+    bytes pseudo(merged.begin() + 12, merged.begin() + 20);
+    pseudo = pseudo + hex("0006") + be16(merged.size() - 20);
+    put16(merged, 20 + TCP_SUM, static_cast<std::uint16_t>(~checksum(pseudo)));
+    add({}, tagged + merged);
     return made;
 }

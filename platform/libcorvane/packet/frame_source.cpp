@@ -299,23 +299,51 @@ void frame_source::follow_tunnel()
 {
     if (overlays_use_gre() == (tunnel_ != nullptr))
         return;
+    if (super_port_ == nullptr)
+        super_ = {};                                           // what is left of it lies in the tunnel's memory
     tunnel_ = tunnel_ == nullptr ? std::make_unique<gre_input>() : nullptr;
+    tunnel_count_ = tunnel_next_ = 0;
     descriptors_changed_ = true;
 }
 
-// One of the sockets a lot, in turns, with a look at the other when the first had nothing.
-void frame_source::take_from_tunnel()
+// One of the sockets, in turns, with a look at the other when the first had nothing.
+void frame_source::fill_from_tunnel()
 {
     tunnel_turn_ = !tunnel_turn_;
     const int first = tunnel_turn_ ? tunnel_->fd4() : tunnel_->fd6();
     const int second = tunnel_turn_ ? tunnel_->fd6() : tunnel_->fd4();
-    std::size_t n = tunnel_->fill(first);
-    n = n != 0 ? n : tunnel_->fill(second);
-    for (std::size_t i = 0; i < n; ++i) {
+    tunnel_next_ = 0;
+    tunnel_count_ = tunnel_->fill(first);
+    if (tunnel_count_ == 0)
+        tunnel_count_ = tunnel_->fill(second);
+}
+
+void frame_source::begin_tunnel_super(const frame_ref &frame, std::uint32_t iod, const offload_meta &meta)
+{
+    if (super_.begin(frame.data, frame.length, meta) == 0)
+        return drop_count(drop_reason::L2_BAD_OFFLOAD);
+    super_tag_ = {};
+    super_iod_ = iod;
+    super_port_ = nullptr;
+    super_slot_ = NO_SLOT;
+    add_segments();
+}
+
+void frame_source::take_from_tunnel()
+{
+    if (tunnel_next_ == tunnel_count_)
+        fill_from_tunnel();
+    while (tunnel_next_ != tunnel_count_ && count_ < BATCH && super_.left() == 0) {
         message m;
-        m.live = tunnel_->frame(i, m.frame, m.iod);
-        if (m.live)
-            lot_[count_++] = m;
+        offload_meta merged;
+        if (!tunnel_->frame(tunnel_next_++, m.frame, m.iod, merged))
+            continue;
+        if (is_super_frame(merged)) {
+            begin_tunnel_super(m.frame, m.iod, merged);
+            continue;
+        }
+        m.live = true;
+        lot_[count_++] = m;
     }
 }
 

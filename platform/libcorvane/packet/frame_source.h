@@ -60,6 +60,8 @@ private:
     void take_lot();
     void take_from(port &p);
     void take_from_tunnel();
+    void fill_from_tunnel();
+    void begin_tunnel_super(const frame_ref &frame, std::uint32_t iod, const offload_meta &meta);
     void follow_tunnel();
     [[nodiscard]] bool take_frame(port &p);
     [[nodiscard]] bool take_big_frame(port &p, received_frame &received);
@@ -96,6 +98,7 @@ private:
 
     std::unique_ptr<gre_input> tunnel_;      // while an overlay is in GRE format
     bool tunnel_turn_ = false;               // which of its two sockets is asked first
+    std::size_t tunnel_count_ = 0, tunnel_next_ = 0;           // of what was taken from it at once
 
     // What a wait polls: wake, change, tunnel (two, -1 without one), then the ports in their order. Polled and not kept
     // in an epoll set: that would cost every frame a callback, also while nobody waits.

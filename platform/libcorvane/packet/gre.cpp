@@ -2,6 +2,8 @@
 // together from their fragments.
 #include "gre.h"
 
+#include "gre_merged.h"
+
 #include "../core/ip_output.h"
 #include "../core/packet_buffer.h"
 #include "../core/peers.h"
@@ -217,7 +219,7 @@ bool gre_input::unwrap(std::size_t i, frame_ref &out, std::array<std::uint8_t, 1
     return true;
 }
 
-bool gre_input::frame(std::size_t i, frame_ref &out, std::uint32_t &overlay_iod)
+bool gre_input::frame(std::size_t i, frame_ref &out, std::uint32_t &overlay_iod, offload_meta &merged)
 {
     std::array<std::uint8_t, 16> destination{};
     if ((message_[i].msg_hdr.msg_flags & MSG_TRUNC) != 0) {
@@ -239,7 +241,8 @@ bool gre_input::frame(std::size_t i, frame_ref &out, std::uint32_t &overlay_iod)
         drop_count(drop_reason::L2_NOT_SERVED);
         return false;
     }
-    if (!tag_to_daemon(out, {})) {
+    merged = merged_in_tunnel(out);
+    if (!is_super_frame(merged) && !tag_to_daemon(out, {})) {
         drop_count(drop_reason::L2_TRUNCATED);
         return false;
     }

@@ -2,6 +2,7 @@
 // on a wire: a tag is 802.1Q.
 #pragma once
 
+#include "offload.h"
 #include "overlays.h"
 #include "tag.h"
 
@@ -26,7 +27,7 @@ int gre_send(const overlay_config &overlay, const net_l2_send_request &request, 
 // Frames that come out of the tunnel, taken from the kernel in lots. One thread.
 class gre_input {
 public:
-    static constexpr std::size_t LOT = 32, ROOM = 2048, HEADROOM = 128;
+    static constexpr std::size_t LOT = 32, ROOM = 66 * 1024, HEADROOM = 128;
 
     gre_input();
     ~gre_input();
@@ -37,11 +38,12 @@ public:
     [[nodiscard]] int fd6() const { return fd6_; }
     // Takes what waits on one of the two sockets, at most LOT packets; forgets the lot before. Result: their number.
     std::size_t fill(int fd);
-    // Frame of packet `i` in the daemon's form, and its overlay; its memory is good until the next fill. False: dropped
-    // and counted.
-    [[nodiscard]] bool frame(std::size_t i, frame_ref &out, std::uint32_t &overlay_iod);
+    // Frame of packet `i` in the daemon's form, and its overlay; its memory is good until the next fill. One that the
+    // kernel merged is given as on the wire, and `merged` says how it is to be cut. False: dropped and counted.
+    [[nodiscard]] bool frame(std::size_t i, frame_ref &out, std::uint32_t &overlay_iod, offload_meta &merged);
 
 private:
+    // Room for the largest; the pages that no packet has reached cost no memory.
     struct alignas(64) packet {
         std::array<std::uint8_t, HEADROOM + ROOM> bytes;
     };

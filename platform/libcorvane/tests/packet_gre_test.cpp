@@ -259,6 +259,89 @@ TEST_F(Gre, GivesAnyOtherGroupToTheOverlayThatCarriesTheVlan)
     EXPECT_EQ(lab::drops("frame on an interface that is not served"), served + 1);
     overlay_vlan_set(10, 0);
 }
+namespace {
+
+// A tagged TCP frame of VLAN 10 as the kernel's receive offload makes it of many: whole lengths, an unfinished checksum.
+bytes merged_frame(bool six, std::size_t payload)
+{
+    const std::size_t segment = 20 + payload;
+    bytes ip = six ? hex("60000000") + be16(segment) + hex("0640") + PEER6 + OWN6
+                   : hex("4500") + be16(20 + segment) + hex("00004000 40060000") + PEER4 + OWN4;
+    bytes pseudo = six ? PEER6 + OWN6 : PEER4 + OWN4;
+    pseudo = pseudo + hex("0006") + be16(segment);
+    if (!six)
+        put16(ip, 10, checksum(ip));
+    const std::uint16_t seed = static_cast<std::uint16_t>(~checksum(pseudo));
+    return ethernet(HOST_B, HOST_A, 0x8100) + hex("a00a") + be16(six ? 0x86DD : 0x0800) + ip +
+           hex("1388 1194 00000400 00000000 5018 0400") + be16(seed) + hex("0000") + counting(payload);
+}
+
+} // namespace
+
+TEST_F(Gre, CutsWhatTheKernelMergedIntoSegmentsThatAnyLinkCarries)
+{
+    lab::run("ip link set gq0 mtu 65535 && ip link set gq0p mtu 65535");
+    look();
+    for (const bool six : {false, true})
+        for (const std::size_t payload : {2000u, 20000u}) {
+            SCOPED_TRACE(six ? "IPv6" : "IPv4");
+            const bytes frame = merged_frame(six, payload);
+            inject4(GRE + frame);
+            inject4(GRE + frame);                               // one behind the other
+            inject4(GRE + TAGGED_ON_WIRE);
+            for (int time = 0; time < 2; ++time) {
+                bytes data;
+                while (data.size() < payload) {
+                    const delivery d = receive();
+                    const std::size_t headers = 18 + (six ? 40 : 20) + 20;
+                    ASSERT_GT(d.frame.size(), headers);
+                    EXPECT_LE(d.frame.size(), 18u + 1280);
+                    EXPECT_EQ(d.iod, OVERLAY);
+                    EXPECT_EQ(get16(d.frame, 14), 0x0AA0);      // the tag, low byte first
+                    EXPECT_EQ(get32(d.frame, headers - 16), 1024 + data.size());
+                    const bytes segment(d.frame.begin() + static_cast<std::ptrdiff_t>(headers - 20), d.frame.end());
+                    const bytes addresses = six ? PEER6 + OWN6 : PEER4 + OWN4;
+                    EXPECT_EQ(checksum(addresses + hex("0006") + be16(segment.size()) + segment), 0);
+                    data.insert(data.end(), segment.begin() + 20, segment.end());
+                }
+                EXPECT_EQ(data, counting(payload));
+            }
+            EXPECT_EQ(receive().frame, TAGGED);
+        }
+}
+TEST_F(Gre, LeavesLargeFramesWholeThatTheKernelDidNotMerge)
+{
+    lab::run("ip link set gq0 mtu 65535 && ip link set gq0p mtu 65535");
+    look();
+    bytes frame = merged_frame(false, 8000);
+    frame[18 + 20 + 16] ^= 1;                                   // its checksum is no pseudo header's sum
+    inject4(GRE + frame);
+    EXPECT_EQ(receive().frame.size(), frame.size());
+    frame = merged_frame(false, 8000);
+    frame[18 + 9] = 17;
+    inject4(GRE + frame);
+    EXPECT_EQ(receive().frame.size(), frame.size());
+}
+TEST_F(Gre, ForgetsTheRestOfAMergedFrameWithItsTunnel)
+{
+    lab::run("ip link set gq0 mtu 65535 && ip link set gq0p mtu 65535");
+    look();
+    inject4(GRE + merged_frame(false, 60000));                  // and again: more than one lot holds
+    inject4(GRE + merged_frame(false, 60000));
+    inject4(GRE + merged_frame(false, 60000));
+    for (int i = 0; i < 70; ++i)
+        EXPECT_EQ(receive().iod, OVERLAY);
+    configure(4, false);
+    for (int lot = 0; lot < 64; ++lot) {
+        const std::uint64_t one = 1;
+        mbus_msg msg;
+        ASSERT_EQ(write(wake_, &one, sizeof one), 8);
+        if (source_.receive(msg, wake_) == local_receive::WOKEN)
+            break;
+        ASSERT_EQ(source_.drop(msg), 0);
+        ASSERT_LT(lot, 63) << "frames of a tunnel that is gone";
+    }
+}
 TEST_F(Gre, CountsWhatIsNotOurs)
 {
     look();
