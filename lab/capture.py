@@ -81,6 +81,10 @@ class Capture:
 
     # ---- what was captured
 
+    def all(self):
+        """The frames so far with their times and directions, in order."""
+        return list(self._frames)
+
     def frames(self, outgoing=None):
         """Bytes of the frames so far, in order; only those going out or coming in when `outgoing` says so."""
         return [c.data for c in list(self._frames) if outgoing is None or c.outgoing == outgoing]
