@@ -10,7 +10,7 @@ need_root() {
 build_packages="g++ cmake ninja-build pkg-config libmnl-dev libsqlite3-dev libsystemd-dev libedit-dev libcap-ng-dev
     nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev"
 lab_packages="python3 iproute2 iputils-ping iperf3 smcroute"
-test_packages="systemd dpkg-dev dnsmasq-base busybox nginx-light avahi-daemon ndisc6 curl bash-completion"
+test_packages="systemd dpkg-dev dnsmasq-base busybox nginx-light avahi-daemon ndisc6 arping curl bash-completion"
 # Of these packages only the programs are wanted: none may make this machine a router, a web server or a responder.
 quiet_services="smcroute nginx avahi-daemon"
 

@@ -105,6 +105,33 @@ class ArpAndNeighbours(TwoSites):
             for edge in self.edges.values():
                 self.assertRegex(edge.corvsh("show lum arp-nd-cache"), rf"10/{mac}\s+\S+\s+{address}\n")
 
+    def test_arping_and_ndisc6_are_answered_by_the_edge(self):
+        with self.core() as core:
+            asked = self.one.ns.run("arping", "-c", "2", "-i", "eth0", self.other.ipv4, check=False).stdout
+            solicited = self.one.ns.run("ndisc6", "-1", "-w", "2000", self.other.ipv6, "eth0", check=False).stdout
+        self.assertIn(self.other.mac, asked.lower())
+        self.assertIn(self.other.mac, solicited.lower())
+        self.assertEqual(self.requests_on_core(core), [])
+
+    def test_a_probe_with_arping_reaches_the_host_and_is_answered_by_it(self):
+        with Capture(self.other.ns, "eth0") as far:
+            found = self.one.ns.run("arping", "-0", "-c", "2", "-i", "eth0", self.other.ipv4, check=False)
+        self.assertEqual(found.returncode, 0, found.stdout)
+        self.assertIn(self.other.mac, found.stdout.lower())
+        probes = [f.arp() for f in far.decoded(outgoing=False) if f.arp() and f.arp().operation == 1]
+        self.assertIn(("0.0.0.0", self.other.ipv4), [(arp.sender_ip, arp.target_ip) for arp in probes])
+
+    def test_a_solicitation_for_an_anycast_address_stays_at_its_site(self):
+        self.edge.configure("lum anycast-arp fd00:1::a")
+        self.addCleanup(self.edge.configure, "no lum anycast-arp fd00:1::a")
+        before = self.edge.drops().get("request for an anycast address", 0)
+        ask = lambda target: frames.ethernet("33:33:ff:00:00:0a", self.one.mac, frames.ETH_IPV6,
+                                             frames.neighbour_solicitation(self.one.ipv6, self.one.mac, target))
+        with self.core() as core, Sender(self.one.ns) as sender:
+            sender.send(ask("fd00:1::a"), ask("fd00:1::b"))
+        self.assertEqual(self.requests_on_core(core), ["fd00:1::b"])
+        self.assertEqual(self.edge.drops().get("request for an anycast address", 0), before + 1)
+
     def test_a_request_for_an_anycast_address_stays_at_its_site(self):
         self.edge.configure("lum anycast-arp 10.1.200.1")
         self.addCleanup(self.edge.configure, "no lum anycast-arp 10.1.200.1")
