@@ -40,7 +40,8 @@
     X(BUS_MALFORMED, "bus: malformed message") \
     X(BUS_UNKNOWN_OPCODE, "bus: unknown opcode") \
     X(FWD_SPLIT_HORIZON, "route back to where the frame came from") \
-    X(FWD_NO_COPY, "group frame: nowhere to go")
+    X(FWD_NO_COPY, "group frame: nowhere to go") \
+    X(CORE_QUEUE_FULL, "core receive buffer full")
 
 enum class drop_reason : std::uint32_t {
 #define DROP_ENUM(name, text) name,

@@ -90,6 +90,7 @@ int take_whole_packets(int socket, int level, const void *value, socklen_t lengt
         failed_for(family);
         return -1;
     }
+    corvane::receive_losses::ask(socket);
     if (setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &RECEIVE_BUFFER_BYTES, sizeof RECEIVE_BUFFER_BYTES) != 0)
         (void)setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER_BYTES, sizeof RECEIVE_BUFFER_BYTES);
     std::uint32_t on = 0;

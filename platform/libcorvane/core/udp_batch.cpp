@@ -43,6 +43,7 @@ void udp_batch::serve(int socket, int family, std::uint16_t local_port)
     family_ = family;
     port_ = local_port;
     count_ = next_ = 0;
+    losses_.restart();
 }
 
 int udp_batch::fill()
@@ -57,6 +58,8 @@ int udp_batch::fill()
     const int n = recvmmsg(socket_, message_.data(), DATAGRAMS, MSG_DONTWAIT, nullptr);
     const int error = n >= 0 ? 0 : errno;
     next_ = count_ = 0;
+    if (n > 0)
+        losses_.count(message_[static_cast<std::size_t>(n) - 1].msg_hdr);
     for (int slot = 0; slot < n; ++slot)
         if (core_peer_admitted(from_[static_cast<std::size_t>(slot)]))
             slot_[count_++] = static_cast<std::uint8_t>(slot);

@@ -1,6 +1,8 @@
 // Datagrams of one UDP socket, taken from the kernel in lots and handed out one by one behind a rebuilt outer header.
 #pragma once
 
+#include "receive_losses.h"
+
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -39,11 +41,14 @@ private:
     int socket_ = -1, family_ = 0;
     std::uint16_t port_ = 0;
     std::uint32_t count_ = 0, next_ = 0;
+    receive_losses losses_;
     std::array<std::uint8_t, DATAGRAMS> slot_{};               // of the packets that are handed out
     std::array<mmsghdr, DATAGRAMS> message_{};
     std::array<iovec, DATAGRAMS> piece_{};
     std::array<sockaddr_storage, DATAGRAMS> from_{};
-    struct alignas(8) control_space { std::array<std::uint8_t, 128> bytes; };
+    // Destination, hop limit, traffic class, losses.
+    static constexpr std::size_t CONTROL = CMSG_SPACE(sizeof(in6_pktinfo)) + 2 * CMSG_SPACE(sizeof(int)) + receive_losses::ROOM;
+    struct alignas(8) control_space { std::array<std::uint8_t, CONTROL> bytes; };
     std::array<control_space, DATAGRAMS> control_{};
     std::array<std::array<std::uint8_t, PACKET_MAX>, DATAGRAMS> packet_{};
 };

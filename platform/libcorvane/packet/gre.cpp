@@ -140,6 +140,7 @@ int open_raw(int family)
         return -1;
     if (family == AF_INET6)
         (void)setsockopt(fd, IPPROTO_IPV6, IPV6_RECVPKTINFO, &on, sizeof on);
+    receive_losses::ask(fd);
     if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &RECEIVE_BUFFER_BYTES, sizeof RECEIVE_BUFFER_BYTES) != 0)
         (void)setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER_BYTES, sizeof RECEIVE_BUFFER_BYTES);
     return fd;
@@ -198,7 +199,10 @@ std::size_t gre_input::fill(int fd)
     }
     filled_from_ = fd;
     const int n = recvmmsg(fd, message_.data(), LOT, MSG_DONTWAIT, nullptr);
-    return n > 0 ? static_cast<std::size_t>(n) : 0;
+    if (n <= 0)
+        return 0;
+    (fd == fd4_ ? losses4_ : losses6_).count(message_[static_cast<std::size_t>(n) - 1].msg_hdr);
+    return static_cast<std::size_t>(n);
 }
 
 bool gre_input::unwrap(std::size_t i, frame_ref &out, std::array<std::uint8_t, 16> &destination)

@@ -2,6 +2,7 @@
 // on a wire: a tag is 802.1Q.
 #pragma once
 
+#include "../core/receive_losses.h"
 #include "offload.h"
 #include "overlays.h"
 #include "tag.h"
@@ -50,11 +51,12 @@ private:
     [[nodiscard]] bool unwrap(std::size_t i, frame_ref &out, std::array<std::uint8_t, 16> &destination);
 
     int fd4_ = -1, fd6_ = -1, filled_from_ = -1;
+    receive_losses losses4_, losses6_;
     std::unique_ptr<packet[]> packets_;
     std::array<mmsghdr, LOT> message_{};
     std::array<iovec, LOT> piece_{};
     std::array<sockaddr_storage, LOT> from_{};
-    struct alignas(8) control_space { std::array<std::uint8_t, 64> bytes; };
+    struct alignas(8) control_space { std::array<std::uint8_t, CMSG_SPACE(sizeof(in6_pktinfo)) + receive_losses::ROOM> bytes; };
     std::array<control_space, LOT> control_{};
 };
 

@@ -148,6 +148,26 @@ TEST_F(UdpStack, TellsTheSenderCutToTheCallersLength)
     EXPECT_EQ(length, sizeof(sockaddr_in));
 }
 
+TEST_F(UdpStack, CountsWhatTheFullReceiveBufferLost)
+{
+    const int little = 4096;
+    ASSERT_EQ(setsockopt(socket_, SOL_SOCKET, SO_RCVBUF, &little, sizeof little), 0);
+    const std::uint64_t before = lab::drops("core receive buffer full");
+    constexpr std::uint64_t SENT = 100;
+    for (std::uint64_t i = 0; i < SENT; ++i)
+        send(counting(1000));
+    std::uint64_t received = 0;
+    std::uint8_t buffer[BUFFER];
+    while (corvane_recvfrom(socket_, buffer, sizeof buffer, MSG_DONTWAIT, nullptr, nullptr) > 0)
+        ++received;
+    ASSERT_LT(received, SENT);
+    send(counting(10));                                         // the next one brings the news
+    EXPECT_GT(corvane_recvfrom(socket_, buffer, sizeof buffer, 0, nullptr, nullptr), 0);
+    EXPECT_EQ(lab::drops("core receive buffer full"), before + SENT - received);
+    send(counting(10));
+    EXPECT_GT(corvane_recvfrom(socket_, buffer, sizeof buffer, 0, nullptr, nullptr), 0);
+    EXPECT_EQ(lab::drops("core receive buffer full"), before + SENT - received);
+}
 TEST_F(UdpStack, WaitsInReceiveUntilADatagramComes)
 {
     std::thread sender([&] {

@@ -363,6 +363,28 @@ TEST_F(Gre, CountsWhatIsNotOurs)
     EXPECT_EQ(lab::drops("frame on an interface that is not served"), served + 1);
 }
 
+TEST_F(Gre, CountsWhatItsFullReceiveBufferLost)
+{
+    look();
+    constexpr std::size_t SENT = 9000;                          // more than the buffer holds
+    const bytes large = ethernet(HOST_B, HOST_A, 0x8100) + hex("000a 88b5") + counting(1400);
+    const std::uint64_t before = lab::drops("core receive buffer full");
+    for (std::size_t i = 0; i < SENT; ++i)
+        inject4(GRE + large);
+    std::size_t received = 0;
+    for (std::uint64_t wake = 1;; ++received) {
+        mbus_msg msg;
+        ASSERT_EQ(write(wake_, &wake, sizeof wake), 8);
+        if (source_.receive(msg, wake_) == local_receive::WOKEN)
+            break;
+        ASSERT_EQ(source_.drop(msg), 0);
+    }
+    look();
+    inject4(GRE + TAGGED_ON_WIRE);
+    (void)receive();
+    ASSERT_LT(received, SENT);
+    EXPECT_EQ(lab::drops("core receive buffer full"), before + SENT - received);
+}
 TEST_F(Gre, ListensOnlyWhileAnOverlayUsesIt)
 {
     look();
