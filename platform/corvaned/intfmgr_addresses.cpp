@@ -111,11 +111,12 @@ std::vector<address_change> interface_addresses::replace(const std::vector<addre
 {
     std::vector<address_change> changes;
     const std::vector<address_info> before = all_;
+    // What is new comes first: an interface that has had an address throughout is never shown without one.
+    for (const address_info &address : all)
+        std::ranges::move(put(address), std::back_inserter(changes));
     for (const address_info &old : before)
         if (std::ranges::none_of(all, [&](const auto &a) { return a.same_address(old); }))
             std::ranges::move(remove(old), std::back_inserter(changes));
-    for (const address_info &address : all)
-        std::ranges::move(put(address), std::back_inserter(changes));
     return changes;
 }
 

@@ -135,7 +135,8 @@ TEST_F(InterfaceAddresses, PassToTheNewOneWhenASnapshotShowsThatTheOldIsGone)
 
     EXPECT_EQ(ipv4(), "192.0.2.2");
     EXPECT_EQ(ipv6(), "2001:db8::2");
-    EXPECT_EQ(addresses.front(), "eth1 - 192.0.2.1");
+    EXPECT_THAT(addresses, ElementsAre("eth1 + 192.0.2.2 secondary", "eth1 - 192.0.2.1", "eth1 + 192.0.2.2",
+                                       "eth1 2001:db8::1 -> 2001:db8::2"));
 }
 
 } // namespace
