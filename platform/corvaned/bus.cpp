@@ -190,8 +190,11 @@ answer handle_bind(const peer &who, byte_view request)
     b->waiting = in.get<std::uint32_t>();
     const auto service = in.get<std::uint32_t>();
     b->name = in.text();
-    if (!in.done() || b->name.size() > corvane::BUS_NAME_MAX || b->depth > corvane::BUS_DEPTH_MAX || find(b->id) != nullptr)
+    if (!in.done() || b->name.size() > corvane::BUS_NAME_MAX || b->depth > corvane::BUS_DEPTH_MAX)
         return {EINVAL, {}};
+    // Bound already, by a client whose call and whose reconnecting thread both made the binding that a lost answer left open.
+    if (const binding *bound = find(b->id); bound != nullptr)
+        return b->sap == 0 || b->sap == bound->sap ? answer{0, byte_writer().put(bound->sap).take()} : answer{EINVAL, {}};
     b->standby = bus().is_standby && bus().is_standby(who);
     if (b->sap == 0)
         b->sap = free_sap();

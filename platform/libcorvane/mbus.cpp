@@ -20,6 +20,7 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 #include <utility>
@@ -28,6 +29,7 @@ namespace {
 
 using namespace corvane;
 
+constexpr int BIND_TRIES = 50, BIND_WAIT_MS = 20;
 constexpr std::uint32_t INDEX_BITS = 4, INDEX_MASK = (1u << INDEX_BITS) - 1;
 static_assert(1u << INDEX_BITS == BUS_QUEUES_MAX);
 
@@ -337,6 +339,18 @@ queue *free_queue()
     return nullptr;
 }
 
+// A binding whose answer is lost with its connection is made again with the next one, as those of all queues are.
+reply bind_surely(const queue &q)
+{
+    reply answer = bind_at_corvaned(q, 0);
+    for (int tries = 0; answer.error == ENOTCONN && tries < BIND_TRIES; ++tries) {
+        poll(nullptr, 0, BIND_WAIT_MS);
+        if (connection_ensure())
+            answer = bind_at_corvaned(q, 0);
+    }
+    return answer;
+}
+
 // The queue's number in this process: never the same one twice in a row for one place in the table.
 mbus_q next_handle(queue &q)
 {
@@ -346,7 +360,6 @@ mbus_q next_handle(queue &q)
 
 mbus_q bind(std::uint32_t sap, const mbus_q_attr &attr, const char *name)
 {
-    // Waited for outside the mutex, which the connection's own thread takes to bind the other queues again.
     if (!connection_ensure()) {
         errno = ENOTCONN;
         return MBUS_Q_INVALID;
@@ -370,7 +383,7 @@ mbus_q bind(std::uint32_t sap, const mbus_q_attr &attr, const char *name)
     q->consumed = 0;
     q->pre_unbind = false;
     q->handle = next_handle(*q);
-    const reply answer = bind_at_corvaned(*q, 0);
+    const reply answer = bind_surely(*q);
     byte_reader in(answer.data);
     const auto bound = in.get<std::uint32_t>();
     if (answer.error != 0 || !in.done()) {

@@ -62,6 +62,15 @@ TEST_F(Bus, CarriesPayloadsOfMoreThan128KiB)
     EXPECT_EQ(got[0].payload, large);
 }
 
+TEST_F(Bus, BindingMadeASecondTimeIsTheFirstAndNoOther)
+{
+    EXPECT_EQ(receiver.bind(QUEUE, SAP, 4), 0u);
+    EXPECT_EQ(receiver.bind(QUEUE, 0, 4), 0u);
+    EXPECT_EQ(receiver.bind(QUEUE, SAP + 1, 4), static_cast<std::uint32_t>(EINVAL));
+    EXPECT_EQ(sender.send_message(QUEUE, SAP, OPCODE, bytes("once")), 0);
+    EXPECT_THAT(receiver.deliveries(), SizeIs(1));
+}
+
 TEST_F(Bus, AnswersSendToUnknownSapWithEnoent)
 {
     EXPECT_EQ(sender.send_message(QUEUE, 9999, OPCODE), ENOENT);

@@ -318,6 +318,23 @@ TEST_F(MbusClient, BindsAndSubscribesAgainAfterTheConnectionWasLost)
     mbus_drop(queue, msg);
 }
 
+TEST_F(MbusClient, BindingWhoseAnswerIsLostIsMadeAgain)
+{
+    std::atomic<bool> lost{false};
+    server.answer_with(BUS_BIND, [&](byte_view request) {
+        byte_reader in(request);
+        if (in.get<std::uint32_t>() != queue && !lost.exchange(true)) {
+            server.disconnect();
+            return answer{0, {}, true};
+        }
+        return answer{0, byte_writer().put(in.get<std::uint32_t>() + 100).take()};
+    });
+    const mbus_q second = mbus_bind(1, 7, attributes(1), "second");
+    EXPECT_TRUE(lost);
+    ASSERT_NE(second, MBUS_Q_INVALID);
+    EXPECT_EQ(mbus_unbind(second, 0), 0);
+}
+
 TEST_F(MbusClient, ReceiveWaitsThroughALostConnection)
 {
     std::string got;
