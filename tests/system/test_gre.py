@@ -66,5 +66,26 @@ class GreOverIpv6(GreOverIpv4):
     CONFIG = {"local_routes": True, "overlay_lines": ("lum vpn-encap-format gre ipv6", "lum vlan 10 trunk-port")}
 
 
+class GreOverASmallCore(GreOverIpv4):
+    """A core whose MTU is smaller than a full frame and its headers."""
+
+    CORE_MTU = 1500
+
+    def test_full_frames_are_fragmented_on_the_core_and_whole_at_the_host(self):
+        one, other = self.top.host(1, 10), self.top.host(2, 10)
+        sent = self.site_frame(1514)
+        with self.core() as core, Capture(other.ns, "eth0") as far, Sender(one.ns) as sender:
+            sender.send(sent)
+        pieces = [f for f in core.decoded(outgoing=False) if f.ip() and f.ip().protocol == frames.GRE and f.ip().fragment]
+        self.assertEqual(len(pieces), 2)
+        self.assertLessEqual(max(len(f.payload) for f in pieces), 1500)
+        self.assertEqual([f.hex() for f in far.frames(outgoing=False) if is_test_frame(f)], [sent.hex()])
+
+
+class GreOverASmallIpv6Core(GreOverASmallCore):
+    FAMILY = 6
+    CONFIG = GreOverIpv6.CONFIG
+
+
 if __name__ == "__main__":
     unittest.main()
