@@ -520,6 +520,21 @@ TEST_F(LumRtabCommand, InitTwiceWorks)
     EXPECT_EQ(rtab({{"rtab_api_init", ""}, {"<client-name>", "probe"}}).output, SUCCEEDED);
 }
 
+TEST_F(LumRtabCommand, GivesItsQueueBackWhenItIsClosedOrOpenedAnew)
+{
+    rtab({{"rtab_api_init", ""}, {"<client-name>", "probe"}});
+    const std::uint64_t first = platform.calls_of("rtab_api_init").at(0).number(0);
+    rtab({{"rtab_api_init", ""}, {"<client-name>", "probe"}});
+    const std::uint64_t second = platform.calls_of("rtab_api_init").at(0).number(0);
+    ASSERT_THAT(platform.calls_of("mbus_unbind"), SizeIs(1));
+    EXPECT_EQ(platform.calls_of("mbus_unbind")[0].number(0), first);
+    rtab({{"rtab_api_close", ""}});
+    ASSERT_THAT(platform.calls_of("mbus_unbind"), SizeIs(1));
+    EXPECT_EQ(platform.calls_of("mbus_unbind")[0].number(0), second);
+    rtab({{"rtab_api_close", ""}});
+    EXPECT_THAT(platform.calls_of("mbus_unbind"), IsEmpty());
+}
+
 TEST_F(LumRtabCommand, AQueueThatCannotBeBoundIsReportedWithoutOutput)
 {
     platform.fail("mbus_bind", 1, EMFILE);
