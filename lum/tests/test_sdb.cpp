@@ -144,6 +144,15 @@ TEST_F(LumSdbVlan, ARetiredEntryIsStillKnownByItsPlace)
     EXPECT_TRUE(platform.sdb_writes.at(0).deletion);
 }
 
+TEST_F(LumSdbVlan, AnEntryOutsideTheTableIsKnownByItsNumber)
+{
+    lum_vlan entry{};
+    entry.vlan = 78;
+    lum_sdb_update_vlan(entry, 1);
+    EXPECT_EQ(platform.sdb_writes.at(0).key, key(3, 78));
+    EXPECT_EQ(platform.sdb_writes.at(0).value.host32(0), 78u);
+}
+
 TEST_F(LumSdbVlan, TracesWhatItDoesAndWhatFailed)
 {
     lum_internal_debug_flag = 1;

@@ -207,6 +207,20 @@ TEST_F(LumShowArpNdCache, StoppedOutputEndsTheCommand)
               std::string(TITLE) + HEADER + "10/02:00:00:00:00:01  00:00:00  10.0.0.1\n");
 }
 
+TEST_F(LumShowArpNdCache, GivesTheLockUpBeforeEachOverlayAndPrintsNoneThatWentMeanwhile)
+{
+    cache(make_overlay(OVERLAY), 10, ipv4(10, 0, 0, 1), "02:00:00:00:00:01");
+    lum_overlay *second = &make_overlay(OVERLAY2);
+    int yields = 0;
+    platform.on_yield = [&] {
+        if (++yields == 2)
+            lum_destroy_overlay(&second);
+    };
+    EXPECT_EQ(run(lum_show_arp_nd_cache_cmd),
+              std::string(TITLE) + HEADER + "10/02:00:00:00:00:01  00:00:00  10.0.0.1\n");
+    EXPECT_GE(yields, 2);
+}
+
 TEST_F(LumShowArpNdCache, YieldsBetweenEntriesAndResumesBehindTheLast)
 {
     lum_overlay &overlay = make_overlay();
