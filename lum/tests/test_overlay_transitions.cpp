@@ -96,7 +96,8 @@ TEST_F(LumOverlayTransition, HasItsStateItsMessagesAndTheirOrder)
     const texts full{"publish 2", "notify 78854", "notify 78853"}, quiet{"publish 2", "notify 78854"},
         brief{"publish 2", "notify 78853"}, held{"publish 2", "notify 78852"};
     const transition rows[] = {
-        {"the group was missing", [&] { without_group(); }, [] { group(false); }, DOWN, INCOMPLETE, UP, NO_REASON, full},
+        {"the group was missing", [&] { without_group(); }, [] { group(false); }, DOWN, INCOMPLETE, UP, NO_REASON,
+         full},
         {"the external interface was missing", [&] { without_external(); }, [] { external(false); }, DOWN, INCOMPLETE,
          UP, NO_REASON, full},
         {"the address was missing", [&] { without_address(); }, [] { address(true); }, DOWN, INCOMPLETE, UP, NO_REASON,

@@ -94,7 +94,8 @@ class InterfaceMessages(TwoSites):
         self.ns.ip(f"addr add 2001:db8:99::9/64 dev {DEVICE} nodad")
         self.wait_said("IPv6 address change, old :: new 2001:db8:99::9")
         self.ns.ip(f"addr add 2001:db8:99::77/64 dev {DEVICE} nodad")
-        wait_until(lambda: "tentative" not in self.ns.run("ip", "addr", "show", "dev", DEVICE).stdout, 5, "it is usable")
+        addresses = lambda: self.ns.run("ip", "addr", "show", "dev", DEVICE).stdout
+        wait_until(lambda: "tentative" not in addresses(), 5, "it is usable")
         self.ns.ip(f"addr del 2001:db8:99::9/64 dev {DEVICE}")
         self.wait_said("IPv6 address change, old 2001:db8:99::9 new 2001:db8:99::77")
         self.ns.ip(f"addr del 2001:db8:99::77/64 dev {DEVICE}")

@@ -131,8 +131,9 @@ class Scripts(unittest.TestCase):
         self.assertIn("corvaned does not answer at /nowhere/", done.stderr)
 
     def test_a_question_mark_alone_at_the_end_lists_what_may_come_next(self):
-        status, out, err = self.corvsh("-c", "configure terminal", "-c", "interface Overlay1", "-c", "lum vpn-encap-format ?")
-        self.assertEqual((status, out, err), (0, "  gre  GRE with an Ethernet payload\n  udp  UDP, destination port 8472\n", ""))
+        formats = "  gre  GRE with an Ethernet payload\n  udp  UDP, destination port 8472\n"
+        self.assertEqual(self.corvsh("-c", "configure terminal", "-c", "interface Overlay1",
+                                     "-c", "lum vpn-encap-format ?"), (0, formats, ""))
         status, out, err = self.corvsh("-c", "show nonsense ?")
         self.assertEqual((status, out, err.splitlines()[0]), (1, "", "show nonsense ?"))
         self.assertIn('unknown word "nonsense"', err)
