@@ -236,6 +236,18 @@ answer handle_services(const peer &, byte_view)
 
 // ---- feature manager
 
+// False: there is no daemon to be told.
+bool tell_feature(std::uint32_t opcode)
+{
+    for (const auto &[connection, c] : state().clients)
+        if (c.service == corvane::SVC_LUM && !daemon_is_standby(c.pid)) {
+            bus_deliver(c.connection, c.queue, corvane::FEATMGR_SAP, opcode,
+                        byte_writer().put(c.service).put(static_cast<std::uint32_t>(++state().last_request)).view());
+            return true;
+        }
+    return false;
+}
+
 answer handle_feature(const peer &, byte_view request)
 {
     byte_reader in(request);
@@ -244,14 +256,7 @@ answer handle_feature(const peer &, byte_view request)
         return {EINVAL, {}};
     if (enable != 0 && daemon_wanted())
         return {};
-    for (const auto &[connection, c] : state().clients)
-        if (c.service == corvane::SVC_LUM && !daemon_is_standby(c.pid)) {
-            bus_deliver(c.connection, c.queue, corvane::FEATMGR_SAP,
-                        enable != 0 ? corvane::FEATMGR_OPC_ENABLE : corvane::FEATMGR_OPC_DISABLE,
-                        byte_writer().put(c.service).put(static_cast<std::uint32_t>(++state().last_request)).view());
-            return {};
-        }
-    return {ENOENT, {}};
+    return {tell_feature(enable != 0 ? corvane::FEATMGR_OPC_ENABLE : corvane::FEATMGR_OPC_DISABLE) ? 0 : ENOENT, {}};
 }
 
 answer handle_feature_answer(const peer &who, byte_view request)
@@ -324,6 +329,17 @@ int set_chassis(command &cmd)
     return 0;
 }
 
+int start_daemon(command &cmd)
+{
+    const bool done = daemon_wanted() || tell_feature(corvane::FEATMGR_OPC_ENABLE);
+    return rejected_or_done(cmd, done ? "" : "lum is stopping already");
+}
+
+int stop_daemon(command &cmd)
+{
+    return rejected_or_done(cmd, tell_feature(corvane::FEATMGR_OPC_DISABLE) ? "" : "lum is not running");
+}
+
 void serve_methods()
 {
     serve_method(corvane::SVCMGR_INFO, handle_info);
@@ -345,6 +361,8 @@ void serve_commands()
     serve_command("chassis", set_chassis);
     serve_command("switchover", [](command &cmd) { return rejected_or_done(cmd, daemon_switchover()); });
     serve_command("restart_lum", [](command &cmd) { return rejected_or_done(cmd, daemon_restart()); });
+    serve_command("start_lum", start_daemon);
+    serve_command("stop_lum", stop_daemon);
 }
 
 } // namespace

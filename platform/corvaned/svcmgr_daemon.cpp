@@ -390,6 +390,8 @@ std::string daemon_switchover()
     daemon_process *d = active();
     if (standby_ready() == nullptr)
         return "There is no standing-by lum";
+    if (d != nullptr && d->state == life::STOPPING)
+        return "lum is stopping already";
     if (d == nullptr || d->state != life::RUNNING)
         return "lum is not running";
     d->gone = [d] { take_over(*d, true); };
