@@ -101,7 +101,7 @@ TEST_F(LumNotification, ParametersHaveTheirFieldsAndZeroElsewhere)
     overlay.ipv6_group = lum_addr_next_hop(OVERLAY, ipv6("ff05:1:2:3:4:5:6:7"));
     overlay.vlan_ranges = {2, {{10, 12}, {20, 20}}};
     overlay.state = 2;
-    overlay.reason = 0;
+    overlay.reason = 3;
     overlay.ext_ipv4 = CORE_IPV4;
     overlay.ext_ipv6 = ipv6("2001:db8::5");
     overlay.context_id = 7;
@@ -114,7 +114,7 @@ TEST_F(LumNotification, ParametersHaveTheirFieldsAndZeroElsewhere)
     payload.add({'b', 'l', 'u', 'e'}).add_zeros(97 + 3);         // 48 name, 149
     payload.add_host32(0xEF010101).add(ipv6("ff05:1:2:3:4:5:6:7"));          // 152, 156
     payload.add_host16(2).add_host16(10).add_host16(12).add_host16(20).add_host16(20).add_zeros(56);     // 172
-    payload.add_zeros(2).add_host32(2).add_host32(0).add_zeros(8);           // 238, 240, 244, 248
+    payload.add_zeros(2).add_host32(2).add_host32(3).add_zeros(8);           // 238, 240, 244, 248
     payload.add_host32(0xC0000201).add(ipv6("2001:db8::5")).add_zeros(4);    // 256, 260, 276
     ASSERT_EQ(payload.size(), 280u);
     EXPECT_EQ(to_hex(sent().payload), to_hex(payload));

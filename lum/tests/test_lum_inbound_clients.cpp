@@ -316,6 +316,12 @@ TEST_F(LumSendPacketRequest, RefusesAPayloadThatItsLengthFieldDoesNotFit)
     EXPECT_EQ(dropped(drop_reason::BUS_MALFORMED), whole.size() - 1 + 14);
 }
 
+TEST_F(LumSendPacketRequest, TakesAFrameThatIsAHeaderOnly)
+{
+    EXPECT_EQ(dispatch(0x1340C, request(VLAN, 0, frame_.range(0, 14))), 0);
+    EXPECT_THAT(ports_sent_to(), ElementsAre(PORT_A, PORT_B, PORT_C));
+}
+
 TEST_F(LumSendPacketRequest, SurvivesAVlanThatIsRetiredWhileItYields)
 {
     platform.on_yield = [] {
