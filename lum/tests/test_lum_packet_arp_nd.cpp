@@ -174,19 +174,19 @@ TEST_F(LumSuppressArpNd, NeitherCachesNorAnswersAProbe)
     EXPECT_EQ(pt_count(overlay_.arp_nd_cache), 2u);
 }
 
-TEST_F(LumSuppressArpNd, CachesAnAnnouncementAndForwardsItInsteadOfAnsweringIt)
+TEST_F(LumSuppressArpNd, AnswersWhoAsksForItsOwnAddressFromTheEntryJustMade)
 {
     cache(IP_A, HOST_C);                                     // whose address it was
     cache(IP6_A, HOST_C);
     platform.forget();
     input(arp_request(IP_A, IP_A), PORT_A);
-    EXPECT_THAT(ports_sent_to(), ElementsAre(PORT_B));
-    EXPECT_THAT(platform.ip_sent, SizeIs(1));
+    EXPECT_THAT(ports_sent_to(), ElementsAre(PORT_A));
+    EXPECT_THAT(platform.ip_sent, IsEmpty());
     EXPECT_EQ(cached(fake::ip_addr(IP_A))->mac, key(HOST_A));
     platform.forget();
     input(solicitation(IP6_A, IP6_A), PORT_A);
-    EXPECT_THAT(ports_sent_to(), ElementsAre(PORT_B));
-    EXPECT_THAT(platform.ip_sent, SizeIs(1));
+    EXPECT_THAT(ports_sent_to(), ElementsAre(PORT_A));
+    EXPECT_THAT(platform.ip_sent, IsEmpty());
     EXPECT_EQ(cached(fake::ip_addr(IP6_A))->mac, key(HOST_A));
 }
 
@@ -269,14 +269,6 @@ TEST_F(LumFilterArpNd, LeavesTheAnswerToSuppressionWhereItHasOne)
     input(arp_request(IP_B), PORT_A);
     EXPECT_THAT(ports_sent_to(), ElementsAre(PORT_A));
     EXPECT_EQ(dropped(drop_reason::FWD_ANYCAST), 0u);
-}
-
-TEST_F(LumFilterArpNd, KeepsTheAnnouncementOfAnAnycastAddressAtItsSite)
-{
-    anycast(fake::ip_addr(IP_A));
-    input(arp_request(IP_A, IP_A), PORT_A);
-    EXPECT_TRUE(platform.sent_nothing());
-    EXPECT_EQ(dropped(drop_reason::FWD_ANYCAST), 1u);
 }
 
 TEST_F(LumFilterArpNd, LearnsTheSourceOfADroppedRequest)

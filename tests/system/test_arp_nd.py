@@ -92,10 +92,10 @@ class ArpAndNeighbours(TwoSites):
             wait_until(lambda: "fd00:1::dad" in self.requests_on_core(core), 4, "the solicitation is on the core")
         self.assertNotRegex(self.edge.corvsh("show lum arp-nd-cache"), r"\s::\n")
 
-    def test_an_announcement_reaches_the_other_site_and_its_cache(self):
+    def test_an_announcement_by_reply_reaches_the_other_site_and_its_cache(self):
         address, old, new = "10.1.88.88", "02:00:00:00:88:01", "02:00:00:00:88:02"
         for mac in (old, new):
-            body = frames.arp(1, mac, address, NO_MAC, address)
+            body = frames.arp(2, mac, address, mac, address)
             announcement = frames.ethernet(frames.BROADCAST, mac, frames.ETH_ARP, body)
             with Capture(self.other.ns, "eth0") as far, Capture(self.one.ns, "eth0") as near, \
                     Sender(self.one.ns) as sender:
