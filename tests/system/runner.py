@@ -1,7 +1,8 @@
 """Runs the suites of this folder, each in a process of its own, as many at once as there are cores.
 
 A suite is a unittest.TestCase in a file test_*.py; its tests' names are sentences. A suite whose process crashes, or
-does not end in time, fails with every test that it still had to run. `EXCLUSIVE = True` keeps others away meanwhile.
+does not end in time, fails with every test that it still had to run. `EXCLUSIVE = True` keeps others away meanwhile;
+a suite that mostly waits for the clock says `WAITS = True` and takes none of the others' places.
 """
 
 import concurrent.futures
@@ -22,6 +23,8 @@ from lab.netns import Interrupted, signals_raise
 HERE = Path(__file__).resolve().parent
 ROOT = HERE.parent.parent
 SUITE_TIMEOUT_S = 420
+WAITING_AT_ONCE = 4
+KINDS = {"alone": "EXCLUSIVE", "waits": "WAITS"}
 
 
 def sentence(name):
@@ -34,31 +37,32 @@ def title(suite):
 
 
 def suites_of(folder):
-    """(module, class, is exclusive, [test, ...]) of every suite of a folder beside this file."""
+    """(module, class, how it runs: alone, waits or "", [test, ...]) of every suite of a folder beside this file."""
     found = []
     for path in sorted((HERE if folder == "." else HERE.parent / folder).glob("test_*.py")):
         module = f"tests.{'system' if folder == '.' else folder}.{path.stem}"
         try:
             loaded = importlib.import_module(module)
         except Exception:                                    # its own process shows the reason, as a failed test
-            found.append((module, path.stem, False, ["test_the_file_can_be_loaded"]))
+            found.append((module, path.stem, "", ["test_the_file_can_be_loaded"]))
             continue
         for name, value in vars(loaded).items():
             if isinstance(value, type) and issubclass(value, unittest.TestCase) and value.__module__ == module:
                 tests = unittest.defaultTestLoader.getTestCaseNames(value)
                 if tests:
-                    found.append((module, name, getattr(value, "EXCLUSIVE", False), list(tests)))
+                    kind = next((k for k, mark in KINDS.items() if getattr(value, mark, False)), "")
+                    found.append((module, name, kind, list(tests)))
     return found
 
 
 def chosen(suites, names):
     """Suites and tests whose names contain one of the given ones; all when none are given."""
     picked = []
-    for module, name, exclusive, tests in suites:
+    for module, name, kind, tests in suites:
         whole = any(n.lower() in (name.lower(), module.rsplit(".", 1)[1].lower(), title(name).lower()) for n in names)
         some = tests if not names or whole else [t for t in tests if any(n in t or n in sentence(t) for n in names)]
         if some:
-            picked.append((module, name, exclusive, some))
+            picked.append((module, name, kind, some))
     return picked
 
 
@@ -200,15 +204,19 @@ def _run_suite(suite, timeout):
 def run_suites(names=(), folder=".", timeout=SUITE_TIMEOUT_S):
     """Runs the suites (those that `names` pick). How many tests passed, failed and were skipped."""
     suites, printer = chosen(suites_of(folder), names), _Printer()
-    shared, alone = [s for s in suites if not s[2]], [s for s in suites if s[2]]
-    with concurrent.futures.ThreadPoolExecutor(max(2, os.cpu_count() or 2)) as pool:
+    with concurrent.futures.ThreadPoolExecutor(max(2, os.cpu_count() or 2)) as pool, \
+            concurrent.futures.ThreadPoolExecutor(WAITING_AT_ONCE) as waiting:
         try:
-            for future in concurrent.futures.as_completed([pool.submit(_run_suite, s, timeout) for s in shared]):
+            shared = [(waiting if suite[2] == "waits" else pool).submit(_run_suite, suite, timeout)
+                      for suite in suites if suite[2] != "alone"]
+            for future in concurrent.futures.as_completed(shared):
                 printer.suite(*future.result())
-            for suite in alone:
-                printer.suite(*_run_suite(suite, timeout))
+            for suite in suites:
+                if suite[2] == "alone":
+                    printer.suite(*_run_suite(suite, timeout))
         except BaseException:
-            pool.shutdown(wait=False, cancel_futures=True)
+            for executor in (pool, waiting):
+                executor.shutdown(wait=False, cancel_futures=True)
             for process in list(_running):                   # each cleans up after itself
                 process.terminate()
             raise

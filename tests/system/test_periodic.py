@@ -16,6 +16,7 @@ PIM, ALL_PIM_ROUTERS, ALL_PIM_ROUTERS_MAC = 103, "224.0.0.13", "01:00:5e:00:00:0
 
 class Ageing(TwoSites):
     CONFIG = {"local_routes": False}
+    WAITS = True
 
     def test_a_host_ages_out_when_it_falls_silent_and_not_while_it_talks(self):
         edge, host = self.edges[1], self.top.host(1, 10)
@@ -45,6 +46,7 @@ class Ageing(TwoSites):
 class Hellos(unittest.TestCase):
     """One edge, whose VLANs 10 and 20 have an access port each and a trunk together."""
 
+    WAITS = True
     HEAD = ""                                                # of the startup configuration
 
     @classmethod
