@@ -145,11 +145,14 @@ std::string name_of(sdb_handle handle)
 sdb_handle add(open_database db)
 {
     const std::lock_guard guard(the().mutex);
-    for (std::size_t i = 0; i < the().open.size(); ++i)
-        if (the().open[i].name == db.name && db.owner == the().open[i].owner) {
-            the().open[i] = std::move(db);
+    for (std::size_t i = 0; i < the().open.size(); ++i) {
+        open_database &place = the().open[i];
+        // An owner registers again under the handle it has; each reader has one of its own, which closing gives back.
+        if (db.owner ? place.owner && place.name == db.name : place.name.empty()) {
+            place = std::move(db);
             return static_cast<sdb_handle>(i + 1);
         }
+    }
     the().open.push_back(std::move(db));
     return static_cast<sdb_handle>(the().open.size());
 }

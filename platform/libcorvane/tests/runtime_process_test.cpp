@@ -771,6 +771,26 @@ TEST_F(Database, IteratorReadsPageAfterPage)
     EXPECT_EQ(sdb_write(reader, "k", 1, "v", 1), 0);
 }
 
+TEST_F(Database, ReadersCloseTheirOwnHandleAndGiveItBack)
+{
+    const sdb_handle one = sdb_open("lum"), other = sdb_open("lum");
+    EXPECT_NE(one, other);
+    sdb_close(one);
+    sdb_close(one);
+    const auto read = [&](sdb_handle reader) {
+        EXPECT_EQ(sdb_iterator_next(*sdb_iterator_create(reader, nullptr, 0)), nullptr);
+        return server.count(corvane::SDB_PAGE);
+    };
+    EXPECT_EQ(read(one), 0u);
+    EXPECT_EQ(read(other), 1u);
+    for (int i = 0; i < 100; ++i) {
+        const sdb_handle again = sdb_open("lum");
+        EXPECT_EQ(again, one);
+        sdb_close(again);
+    }
+    sdb_close(other);
+}
+
 TEST_F(Database, UnknownDatabaseCannotBeOpened)
 {
     server.answer_with(corvane::SDB_OPEN, [](byte_view) { return answer{ENOENT, {}}; });
