@@ -145,7 +145,7 @@ void unicast_without_route(benchmark::State &state)
 
 void sizes(benchmark::internal::Benchmark *b)
 {
-    b->ArgNames({"routes", "bytes"});
+    b->ArgNames({"table", "bytes"});
     for (const std::int64_t size : {100, 10'000, 64'000})
         b->Args({size, 64});
     b->Args({64'000, 1400});
@@ -153,7 +153,7 @@ void sizes(benchmark::internal::Benchmark *b)
 
 void sizes_of_short_frames(benchmark::internal::Benchmark *b)
 {
-    b->ArgNames({"routes"});
+    b->ArgNames({"table"});
     for (const std::int64_t size : {100, 10'000, 64'000})
         b->Args({size});
 }

@@ -14,6 +14,7 @@ namespace bench {
 namespace {
 
 constexpr std::uint32_t OUR_ADDRESS = fake::ipv4(192, 0, 2, 1), CONTROL_GROUP = fake::ipv4(239, 1, 1, 1);
+constexpr std::uint32_t FIRST_OTHER_PORT = 1000;
 
 void check(bool success, const char *what)
 {
@@ -46,9 +47,12 @@ void start_daemon()
     lum_ipv6_client = 61;
 }
 
-void add_ports() LUM_LOCKED;
-void add_ports()
+// Eight in the VLAN, and records of so many others beside theirs.
+void add_ports(std::uint32_t others) LUM_LOCKED;
+void add_ports(std::uint32_t others)
 {
+    for (std::uint32_t n = 0; n < others; ++n)
+        check(lum_add_to_pt(FIRST_OTHER_PORT + n) != nullptr, "port record");
     lum_vlan_vlandb_init(lum_vlans[VLAN], VLAN);
     for (std::uint32_t iod = FIRST_PORT; iod < FIRST_PORT + PORTS; ++iod) {
         platform.add_interface(iod, "eth" + std::to_string(iod), {.switchport = true});
@@ -106,7 +110,7 @@ void build_world(std::uint32_t size)
     take_lock_for_good();
     plock_assert_held();
     start_daemon();
-    add_ports();
+    add_ports(size);
     add_hosts(size, add_overlay());
     platform.forget();
     platform.counting_only = true;

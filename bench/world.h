@@ -1,5 +1,5 @@
-// An edge device in memory: eight site ports, an overlay that is up, and as many routes and ARP entries as asked for,
-// on the fake platform while it only counts.
+// An edge device in memory, on the fake platform while it only counts: eight site ports, an overlay that is up, and as
+// many routes, ARP entries and other ports as asked for.
 #pragma once
 
 #include "fake.h"
@@ -12,8 +12,8 @@ namespace bench {
 
 inline constexpr std::uint32_t VLAN = 10, PORTS = 8, FIRST_PORT = 1, CORE = 20, OVERLAY = 100;
 
-// Builds it, unless it stands already; routes and cache entries number `size` each: half of the routes lead to site ports, half to remote
-// edges, and every host has a cache entry.
+// Builds it, unless it stands already; routes, cache entries and further ports number `size` each: half of the routes lead
+// to site ports, half to remote edges, and every host has a cache entry.
 void build_world(std::uint32_t size);
 
 // Hosts by number, 0 to size - 1. Even ones are behind site ports, odd ones behind remote edges.
