@@ -13,7 +13,7 @@ from pathlib import Path
 from lab import wait_until
 from lab.netns import run
 
-from .base import TwoSites
+from .base import TwoSites, sanitized
 
 HELLO, CALL, ONEWAY, REPLY, DELIVER = 1, 2, 3, 4, 5
 VERSION = 1
@@ -192,7 +192,8 @@ class BusDoors(TwoSites):
             self.assertEqual(sender.call(CALL, SEND, sender.message(NOTIFY, 0, OPCODE, bytes(size)))[0], 0)
         thread.join(20)
         self.assertEqual(len(received), count)
-        self.assertLess(self.resident_kib(), memory + 24 * 1024, "what waits for one client has a bound")
+        if not sanitized():                                  # which keeps freed memory for a while
+            self.assertLess(self.resident_kib(), memory + 24 * 1024, "what waits for one client has a bound")
         self.assertLess(self.answer_time(), 2)
 
     def test_a_caller_that_takes_no_answers_is_not_read_or_cut_off(self):
