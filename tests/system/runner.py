@@ -157,6 +157,7 @@ def _reporting_to(folder):
     def option(name, *more):
         return ":".join(filter(None, (os.environ.get(name), f"log_path={folder}/report", *more)))
     return {**os.environ, "ASAN_OPTIONS": option("ASAN_OPTIONS"), "UBSAN_OPTIONS": option("UBSAN_OPTIONS"),
+            "LSAN_OPTIONS": option("LSAN_OPTIONS", f"suppressions={ROOT / 'tests/lsan.supp'}", "print_suppressions=0"),
             "TSAN_OPTIONS": option("TSAN_OPTIONS", f"suppressions={ROOT / 'tests/tsan.supp'}")}
 
 
