@@ -31,6 +31,7 @@ struct daemons {
     std::array<daemon_process, 2> list;
     milliseconds heartbeat_limit = HEARTBEAT_DEFAULT, stop_limit = STOP_DEFAULT;
     timer_id heartbeat_check = 0;
+    clock::time_point last_check = clock::now();
     std::uint32_t sequence = 0;              // counts starts of active daemons
     bool stopping = false;
 };
@@ -182,8 +183,24 @@ void stop_daemon(daemon_process &d, std::uint32_t reason)
 
 // ---- heartbeat
 
+// Where this process itself was held up (stopped, its machine asleep), heartbeats wait unread: what a daemon has left of
+// its time is then counted from now.
+void forgive_own_delay()
+{
+    const auto now = clock::now();
+    const auto interval = the().heartbeat_limit / 5;
+    const auto late = std::exchange(the().last_check, now) + interval;
+    if (now - late < interval)
+        return;
+    for (daemon_process &d : the().list) {
+        d.last_beat = now;
+        d.started += now - late;
+    }
+}
+
 void check_heartbeats()
 {
+    forgive_own_delay();
     for (daemon_process &d : the().list) {
         if (d.state == life::RUNNING && !d.greeted && !d.adopted && clock::now() - d.started > 2 * the().heartbeat_limit) {
             log_line(3, label(d) + " does not get ready: it is killed");

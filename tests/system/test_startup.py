@@ -4,6 +4,7 @@ import os
 import shutil
 import signal
 import socket
+import time
 import unittest
 
 from lab import Edge, Lab, programs_dir, two_sites, wait_until
@@ -162,6 +163,16 @@ class Restart(TwoSites):
             wait_until(lambda: edge.lum_pid() not in (None, killed), 30, "lum is back")
         edge.wait_overlay("UP")
         self.assert_stretched(20)
+
+    def test_a_corvaned_that_was_held_up_blames_no_lum_for_it(self):
+        edge = self.edges[1]
+        before = edge.lum_pid()
+        os.kill(edge.process.pid, signal.SIGSTOP)
+        time.sleep(6)                                        # more than a lum may be silent
+        os.kill(edge.process.pid, signal.SIGCONT)
+        time.sleep(1.5)                                      # the next look at heartbeats
+        self.assertEqual(edge.lum_pid(), before)
+        self.assertNotIn("sends no heartbeats", edge.output())
 
     def test_hosts_talk_on_while_corvaned_is_gone_and_it_takes_over_again(self):
         edge = self.edges[1]
