@@ -3,7 +3,7 @@
 import unittest
 
 from lab import Capture, Lab, LabError, frames, programs_dir, two_sites, wait_until
-from lab.edge import start_edges
+from lab.edge import Edge, start_edges
 
 VLANS = (10, 20)
 
@@ -48,6 +48,19 @@ class TwoSites(unittest.TestCase):
         one, other = self.top.host(1, vlan), self.top.host(2, vlan)
         payload = bytes((size + i) & 0xFF for i in range(size - 14))
         return frames.ethernet(dst or other.mac, one.mac, ethertype, payload)
+
+
+class OneEdge(TwoSites):
+    """Edge 1 alone, as `edge`, with its overlay up and nothing that routes groups."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.lab = cls.enterClassContext(Lab())
+        cls.top = two_sites(cls.lab, group_routes=False)
+        cls.edge = Edge(cls.top, 1)
+        cls.edges = {1: cls.edge}
+        cls.edge.start()
+        cls.edge.wait_overlay()
 
 
 def sanitized():

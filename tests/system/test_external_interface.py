@@ -4,26 +4,16 @@ import re
 import struct
 import unittest
 
-from lab import Lab, frames, two_sites, wait_until
-from lab.edge import Edge
+from lab import frames, wait_until
 
-from .base import TwoSites
+from .base import OneEdge
 
 OVERLAY_RECORD = 2
 DEVICE = "late0"
 
 
-class ExternalInterface(TwoSites):
+class ExternalInterface(OneEdge):
     """Edge 1, with an overlay of its own for each test over a device that the test makes."""
-
-    @classmethod
-    def setUpClass(cls):
-        cls.lab = cls.enterClassContext(Lab())
-        cls.top = two_sites(cls.lab, group_routes=False)
-        cls.edge = Edge(cls.top, 1)
-        cls.edges = {1: cls.edge}
-        cls.edge.start()
-        cls.edge.wait_overlay()
 
     def setUp(self):
         self.ns = self.edge.ns

@@ -2,27 +2,21 @@
 
 import unittest
 
-from lab import LabError, Lab, two_sites, wait_until
-from lab.edge import Edge
+from lab import LabError, wait_until
 
-from .base import TwoSites
+from .base import OneEdge
 
 DEVICE, PEER = "late0", "late1"
 L3_STATE = "change mask 0x800000000"                        # bit 35 alone
 ENCAPSULATION = 1 << 42
 
 
-class InterfaceMessages(TwoSites):
+class InterfaceMessages(OneEdge):
     """Edge 1 with the tracing of events on; a device of the test's own comes, changes and goes."""
 
     @classmethod
     def setUpClass(cls):
-        cls.lab = cls.enterClassContext(Lab())
-        cls.top = two_sites(cls.lab, group_routes=False)
-        cls.edge = Edge(cls.top, 1)
-        cls.edges = {1: cls.edge}
-        cls.edge.start()
-        cls.edge.wait_overlay()
+        super().setUpClass()
         cls.edge.corvsh("debug lum event")
 
     def setUp(self):

@@ -7,10 +7,9 @@ import struct
 import time
 import unittest
 
-from lab import Lab, frames, two_sites, wait_until
-from lab.edge import Edge
+from lab import frames, wait_until
 
-from .base import TwoSites
+from .base import OneEdge
 from .test_bus_doors import CALL, SEND, Client
 
 DELETED, ADD_ADJACENCY, DELETE_ADJACENCY, INTERFACE_REMOVED = 78852, 78858, 78859, 62468
@@ -18,17 +17,8 @@ MAIN_SAP, OVERLAY_RECORD = 442, 2
 UP, DELETE_HOLDDOWN = 2, 3
 
 
-class OverlayDeletion(TwoSites):
+class OverlayDeletion(OneEdge):
     """One edge. Each test makes the overlays that it deletes; Overlay1 stays up throughout."""
-
-    @classmethod
-    def setUpClass(cls):
-        cls.lab = cls.enterClassContext(Lab())
-        cls.top = two_sites(cls.lab, group_routes=False)
-        cls.edge = Edge(cls.top, 1)
-        cls.edges = {1: cls.edge}
-        cls.edge.start()
-        cls.edge.wait_overlay()
 
     def setUp(self):
         self.lum = self.edge.lum_pid()

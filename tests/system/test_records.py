@@ -5,10 +5,9 @@ import signal
 import struct
 import unittest
 
-from lab import Lab, frames, two_sites, wait_until
-from lab.edge import Edge
+from lab import frames, wait_until
 
-from .base import TwoSites
+from .base import OneEdge
 from .test_bus_doors import CALL, SEND, Client
 
 MAIN_SAP, ADD_ADJACENCY, DELETE_ADJACENCY, DELETED = 442, 78858, 78859, 78852
@@ -17,15 +16,10 @@ EAGAIN, DEPTH = 11, 1024
 UP = 2
 
 
-class Records(TwoSites):
+class Records(OneEdge):
     @classmethod
     def setUpClass(cls):
-        cls.lab = cls.enterClassContext(Lab())
-        cls.top = two_sites(cls.lab, group_routes=False)
-        cls.edge = Edge(cls.top, 1)
-        cls.edges = {1: cls.edge}
-        cls.edge.start()
-        cls.edge.wait_overlay()
+        super().setUpClass()
         cls.iod = int(cls.edge.overlay()["VPN ID"])
 
     def setUp(self):
