@@ -76,7 +76,8 @@ class Rejections(TwoSites):
     def state(self):
         """All that a command could change, as text."""
         commands = ("show running-config", "show lum overlay", "show lum vlan detail", "show lum interface")
-        return [self.edge.corvsh(command) for command in commands] + [self.edge.corvbus(t) for t in ("sdb", "rtab")]
+        configured = [route for route in self.edge.corvbus("rtab").splitlines() if " learnt " not in route]
+        return [self.edge.corvsh(command) for command in commands] + [self.edge.corvbus("sdb"), configured]
 
     def enter(self, mode, line):
         """Exit status and what was said to the line."""
