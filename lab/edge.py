@@ -152,6 +152,10 @@ class Edge:
             table.setdefault(key.lower(), []).append(rest.strip())
         return table
 
+    def configured_routes(self):
+        """Lines of the route table without those that hosts make by talking."""
+        return [line for line in self.corvbus("rtab").splitlines() if " learnt " not in line]
+
     def drops(self):
         """`show drops` as {reason: count}."""
         found = re.findall(r"^(\S.*?)\s{2,}(\d+)\s*$", self.corvsh("show drops"), re.M)

@@ -76,8 +76,8 @@ class Rejections(TwoSites):
     def state(self):
         """All that a command could change, as text."""
         commands = ("show running-config", "show lum overlay", "show lum vlan detail", "show lum interface")
-        configured = [route for route in self.edge.corvbus("rtab").splitlines() if " learnt " not in route]
-        return [self.edge.corvsh(command) for command in commands] + [self.edge.corvbus("sdb"), configured]
+        tables = [self.edge.corvbus("sdb"), self.edge.configured_routes()]
+        return [self.edge.corvsh(command) for command in commands] + tables
 
     def enter(self, mode, line):
         """Exit status and what was said to the line."""

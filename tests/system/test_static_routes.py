@@ -38,7 +38,7 @@ class StaticRoutes(TwoSites):
 
     def rejected(self, *lines):
         """What a refused line of configure mode prints; it must leave table and configuration as they were."""
-        state = lambda: (self.edge.corvbus("rtab"), self.edge.corvsh("show running-config"))
+        state = lambda: (self.edge.configured_routes(), self.edge.corvsh("show running-config"))
         before = state()
         with self.assertRaises(LabError) as refusal:
             self.edge.configure(*lines)
