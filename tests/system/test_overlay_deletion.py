@@ -208,8 +208,8 @@ class OverlayDeletion(OneEdge):
         self.edge.corvsh("restart lum")
         wait_until(lambda: self.edge.lum_pid() not in (None, self.lum), 10, "lum is back")
         self.lum = self.edge.lum_pid()
+        self.edge.wait_overlay()                             # its commands are there
         self.wait_gone(7)
-        self.edge.wait_overlay()
 
     # ---- made again before it is gone
 
