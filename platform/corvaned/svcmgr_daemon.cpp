@@ -183,7 +183,7 @@ void stop_daemon(daemon_process &d, std::uint32_t reason)
 
 // ---- heartbeat
 
-// Where this process itself was held up (stopped, its machine asleep), heartbeats wait unread: what a daemon has left of
+// Where this process itself was held up (stopped, its machine paused), heartbeats wait unread: what a daemon has left of
 // its time is then counted from now.
 void forgive_own_delay()
 {

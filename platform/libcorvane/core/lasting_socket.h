@@ -8,8 +8,8 @@ namespace corvane {
 
 class lasting_socket {
 public:
-    // The descriptor, made by `open` unless that was done before. Any thread. -1: `open` failed; the next call tries again,
-    // since descriptors and memory come back without notice.
+    // The descriptor, made by `open` unless that was done before. Any thread. -1: `open` failed; the next call tries
+    // again, since descriptors and memory come back without notice.
     template <class Open> int get(Open open)
     {
         if (const int fd = fd_.load(std::memory_order_acquire); fd >= 0)
